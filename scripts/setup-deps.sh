@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Installs every Debian package the project needs to build, test and run.
+# Idempotent: asks apt only when a package is missing. Needs root.
+set -euo pipefail
+
+packages=(
+  build-essential      # g++ and make
+  cmake                # build system
+  pkg-config
+  libjsoncpp-dev       # JSON documents: every state file, request and answer
+  googletest libgtest-dev libgmock-dev   # unit and integration tests
+  uuid-runtime         # /usr/bin/uuidgen, source of task IDs
+  btrfs-progs          # mkfs.btrfs and btrfs for test volumes and cross-checks
+  libbtrfsutil-dev     # subvolume and snapshot work of the platform layer
+  tzdata               # zone files for local-time snapshot names
+  util-linux           # mount, losetup, unshare
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+if [ "${#missing[@]}" -eq 0 ]; then
+  exit 0
+fi
+if [ "$(id -u)" -ne 0 ]; then
+  echo "setup-deps: packages missing (${missing[*]}); run as root to install them" >&2
+  exit 1
+fi
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq </dev/null
+apt-get install -y -qq --no-install-recommends "${missing[@]}" </dev/null
