@@ -1,0 +1,34 @@
+// A fresh directory under $TMPDIR, removed with everything in it when the
+// object goes away.
+#ifndef VELA_TESTS_SUPPORT_SCRATCH_DIR_H_
+#define VELA_TESTS_SUPPORT_SCRATCH_DIR_H_
+
+#include <string>
+
+namespace vela::test {
+
+class ScratchDir {
+ public:
+  ScratchDir();
+  ~ScratchDir();
+  ScratchDir(const ScratchDir&) = delete;
+  ScratchDir& operator=(const ScratchDir&) = delete;
+
+  const std::string& Path() const { return path_; }
+  // Path() + "/" + name.
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+// Reads a whole file; throws std::runtime_error when it cannot be opened.
+std::string ReadFile(const std::string& path);
+// Writes a whole file (created 0644 or truncated); throws on failure.
+void WriteFile(const std::string& path, const std::string& content);
+// Removes a file or a directory tree; a missing path is not an error.
+void RemoveTree(const std::string& path);
+
+}  // namespace vela::test
+
+#endif  // VELA_TESTS_SUPPORT_SCRATCH_DIR_H_
