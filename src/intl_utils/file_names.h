@@ -1,0 +1,67 @@
+// Every fixed path of the system, and every name built from them, in one
+// place.
+#ifndef VELABTRFSSNAPUSAGE_INTL_UTILS_FILE_NAMES_H_
+#define VELABTRFSSNAPUSAGE_INTL_UTILS_FILE_NAMES_H_
+
+#include <string>
+
+// Run-time state: gone after a restart.
+#define VELA_RUN_DIR "/run/velabtrfssnapusage"
+// Lock files of every state file.
+#define VELA_LOCK_DIR "/run/lock/velabtrfssnapusage"
+// Persistent state: survives a restart.
+#define VELA_PERSISTENT_DIR "/usr/local/velabtrfssnapusage"
+
+#define VELA_TASK_STATUS_DIR VELA_RUN_DIR "/task_status"
+#define VELA_TASK_STATUS_LOCK_DIR VELA_LOCK_DIR "/task_status"
+#define VELA_TASK_RESULT_DIR VELA_RUN_DIR "/task_result"
+#define VELA_TASK_RESULT_LOCK_DIR VELA_LOCK_DIR "/snap_cal_result"
+#define VELA_SHARE_TASK_STATUS_DIR VELA_PERSISTENT_DIR "/share_task_status"
+#define VELA_SHARE_TASK_STATUS_LOCK_DIR VELA_LOCK_DIR "/share_task_status"
+#define VELA_SHARE_TASK_RESULT_DIR VELA_PERSISTENT_DIR "/share_task_result"
+#define VELA_SHARE_TASK_LOCK_DIR VELA_LOCK_DIR "/share_task"
+#define VELA_SHARE_CAL_MAP_FILE VELA_PERSISTENT_DIR "/share_snap_cal_map"
+#define VELA_SHARE_CAL_MAP_LOCK VELA_LOCK_DIR "/share_snap_cal_map.lock"
+#define VELA_REMINDER_RECORD_FILE VELA_PERSISTENT_DIR "/reminder_record"
+#define VELA_REMINDER_RECORD_LOCK VELA_LOCK_DIR "/reminder_record.lock"
+
+// External programs.
+#define VELA_UUIDGEN_PATH "/usr/bin/uuidgen"
+#ifndef VELA_BTRFS_TOOL_PATH
+#error "VELA_BTRFS_TOOL_PATH is set by the build (VELA_BTRFS_TOOL)"
+#endif
+
+// Volumes are mounted at "/volume%d".
+#define VELA_VOLUME_PATH_FORMAT "/volume%d"
+
+namespace VelaBtrfsUsage::FileNames {
+
+// Status file and lock file of a calculator task. Task lock files end in
+// ".lock"; share lock files do not.
+inline std::string TaskStatusFile(const std::string& taskID) {
+  return VELA_TASK_STATUS_DIR "/" + taskID;
+}
+inline std::string TaskStatusLock(const std::string& taskID) {
+  return VELA_TASK_STATUS_LOCK_DIR "/" + taskID + ".lock";
+}
+inline std::string ShareTaskStatusFile(const std::string& shareName) {
+  return VELA_SHARE_TASK_STATUS_DIR "/" + shareName;
+}
+inline std::string ShareTaskStatusLock(const std::string& shareName) {
+  return VELA_SHARE_TASK_STATUS_LOCK_DIR "/" + shareName;
+}
+// Result vector files of a task: base + ".result" or ".subvol_id".
+inline std::string TaskResultBase(const std::string& taskID) {
+  return VELA_TASK_RESULT_DIR "/" + taskID;
+}
+inline std::string TaskResultLockBase(const std::string& taskID) {
+  return VELA_TASK_RESULT_LOCK_DIR "/" + taskID;
+}
+// The share's persistent copy of its last results.
+inline std::string ShareResultDir(const std::string& shareName) {
+  return VELA_SHARE_TASK_RESULT_DIR "/" + shareName;
+}
+
+}  // namespace VelaBtrfsUsage::FileNames
+
+#endif  // VELABTRFSSNAPUSAGE_INTL_UTILS_FILE_NAMES_H_

@@ -1,0 +1,90 @@
+#include "fork_child.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+namespace vela::test {
+
+namespace {
+
+int Reap(pid_t pid) {
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) return -1;
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+}  // namespace
+
+std::string RunForked(const std::function<std::string()>& body) {
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error(std::string("pipe: ") + strerror(errno));
+  const pid_t pid = fork();
+  if (pid < 0) throw std::runtime_error(std::string("fork: ") + strerror(errno));
+  if (pid == 0) {
+    close(fds[0]);
+    const std::string result = body();
+    size_t done = 0;
+    while (done < result.size()) {
+      const ssize_t n = write(fds[1], result.data() + done, result.size() - done);
+      if (n <= 0) _exit(3);
+      done += static_cast<size_t>(n);
+    }
+    _exit(0);
+  }
+  close(fds[1]);
+  std::string result;
+  char buffer[4096];
+  ssize_t n;
+  while ((n = read(fds[0], buffer, sizeof(buffer))) != 0) {
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      break;
+    }
+    result.append(buffer, static_cast<size_t>(n));
+  }
+  close(fds[0]);
+  const int status = Reap(pid);
+  if (status != 0) return "child died: status " + std::to_string(status) + " after [" + result + "]";
+  return result;
+}
+
+ChildProcess::ChildProcess(const std::function<void()>& body) {
+  pid_ = fork();
+  if (pid_ < 0) throw std::runtime_error(std::string("fork: ") + strerror(errno));
+  if (pid_ == 0) {
+    body();
+    _exit(0);
+  }
+}
+
+ChildProcess::~ChildProcess() {
+  if (pid_ > 0) {
+    kill(pid_, SIGKILL);
+    Reap(pid_);
+  }
+}
+
+int ChildProcess::Wait() {
+  const int status = Reap(pid_);
+  pid_ = -1;
+  return status;
+}
+
+bool WaitReadable(int fd, int timeoutMs) {
+  struct pollfd p = {fd, POLLIN, 0};
+  int n;
+  while ((n = poll(&p, 1, timeoutMs)) < 0 && errno == EINTR) {
+  }
+  return n > 0;
+}
+
+}  // namespace vela::test

@@ -1,0 +1,40 @@
+// Running a piece of a test in a forked child, for what must happen in
+// another process (lock contention, changed ids, crashes).
+#ifndef VELA_TESTS_SUPPORT_FORK_CHILD_H_
+#define VELA_TESTS_SUPPORT_FORK_CHILD_H_
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+
+namespace vela::test {
+
+// Runs `body` in a forked child and returns the text it returned. A child
+// that dies first yields "child died: ..." so that assertions on the text
+// fail with a reason.
+std::string RunForked(const std::function<std::string()>& body);
+
+// A forked child running `body` until it returns (then it exits 0) or is
+// killed. The destructor kills (SIGKILL) and reaps a child still running.
+class ChildProcess {
+ public:
+  explicit ChildProcess(const std::function<void()>& body);
+  ~ChildProcess();
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  pid_t Pid() const { return pid_; }
+  // Waits for the child; its exit status, or 128 + signal when killed.
+  int Wait();
+
+ private:
+  pid_t pid_ = -1;
+};
+
+// Waits up to `timeoutMs` for `fd` to become readable.
+bool WaitReadable(int fd, int timeoutMs);
+
+}  // namespace vela::test
+
+#endif  // VELA_TESTS_SUPPORT_FORK_CHILD_H_
