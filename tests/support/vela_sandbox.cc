@@ -194,7 +194,13 @@ int main(int argc, char** argv) {
     MakeDir(scratch + "/tmp", 01777);
     setenv(vela::test::kSandboxEnv, "1", 1);
     setenv("TMPDIR", (scratch + "/tmp").c_str(), 1);
-    setenv("VELA_TEST_SYSLOG", (scratch + "/syslog").c_str(), 1);
+    // Like the machine's log socket, the capture file takes lines from any
+    // user: handlers log while running with a web worker's ids.
+    const std::string capture = scratch + "/syslog";
+    const int captureFd = open(capture.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+    Check(captureFd >= 0 && fchmod(captureFd, 0666) == 0, "create " + capture);
+    close(captureFd);
+    setenv("VELA_TEST_SYSLOG", capture.c_str(), 1);
     for (const auto& [fd, dst] : openedBinds) {
       const std::string error = vela::test::BindInto("/proc/self/fd/" + std::to_string(fd), dst);
       if (!error.empty()) Die(error);

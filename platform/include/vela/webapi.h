@@ -95,6 +95,6 @@ typedef struct _tag_VELA_WEBAPI_ENTRY {
 
 // The module's exported entry point, looked up by this name.
 #define VELA_WEBAPI_GET_TABLE_SYMBOL "GetAPITable"
-typedef VELA_WEBAPI_ENTRY* (*VELA_WEBAPI_GET_TABLE)(void);
+typedef const VELA_WEBAPI_ENTRY* (*VELA_WEBAPI_GET_TABLE)(void);
 
 #endif  // VELA_WEBAPI_H_
