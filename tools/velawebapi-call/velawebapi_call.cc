@@ -1,0 +1,156 @@
+// velawebapi-call: loads a web API module and calls one of its methods the
+// way the web server does, printing the answer as one line of JSON.
+//
+//   velawebapi-call [--module PATH] API VERSION METHOD [PARAMS_JSON]
+//
+// Exit status: 0 for a success answer, 1 for an error answer, 2 for a usage
+// error, an unknown method or a module that does not load.
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <sstream>
+#include <string>
+
+#include "vela/webapi.h"
+
+#ifndef VELA_MODULE_BUILD_PATH
+#error "VELA_MODULE_BUILD_PATH names the module in the build tree"
+#endif
+#ifndef VELA_MODULE_INSTALL_PATH
+#error "VELA_MODULE_INSTALL_PATH names the installed module"
+#endif
+#ifndef VELA_RUNNER_BUILD_PATH
+#error "VELA_RUNNER_BUILD_PATH names this program in the build tree"
+#endif
+
+namespace {
+
+constexpr int kExitSuccessAnswer = 0;
+constexpr int kExitErrorAnswer = 1;
+constexpr int kExitUsage = 2;
+// What the framework answers when a handler throws or does not answer.
+constexpr int kErrorUnknown = 100;
+
+int Usage(const char* why) {
+  if (why != nullptr) fprintf(stderr, "velawebapi-call: %s\n", why);
+  fprintf(stderr,
+          "usage: velawebapi-call [--module PATH] API VERSION METHOD [PARAMS_JSON]\n"
+          "  PARAMS_JSON  a JSON object of the method's parameters (default {})\n"
+          "example: velawebapi-call VELA.Snap.Usage.Share 1 get_conf '{\"additional\":[\"reminder\"]}'\n");
+  return kExitUsage;
+}
+
+// The module next to this program: the build tree's when run from there,
+// else the installed one.
+std::string DefaultModule() {
+  char self[PATH_MAX];
+  const ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
+  if (n > 0) {
+    self[n] = '\0';
+    if (strcmp(self, VELA_RUNNER_BUILD_PATH) == 0) return VELA_MODULE_BUILD_PATH;
+  }
+  return VELA_MODULE_INSTALL_PATH;
+}
+
+bool ParseParams(const std::string& text, Json::Value& params, std::string& error) {
+  Json::CharReaderBuilder builder;
+  builder["failIfExtra"] = true;
+  builder["rejectDupKeys"] = true;
+  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  if (!reader->parse(text.data(), text.data() + text.size(), &params, &error)) return false;
+  if (!params.isObject()) {
+    error = "parameters must be a JSON object";
+    return false;
+  }
+  return true;
+}
+
+std::string Compact(const Json::Value& value) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  builder["emitUTF8"] = true;
+  return Json::writeString(builder, value);
+}
+
+bool ParseVersion(const char* text, unsigned long& version) {
+  errno = 0;
+  char* end = nullptr;
+  version = strtoul(text, &end, 10);
+  return errno == 0 && end != text && *end == '\0' && text[0] != '-';
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string modulePath;
+  int i = 1;
+  if (i < argc && (strcmp(argv[i], "-h") == 0 || strcmp(argv[i], "--help") == 0)) {
+    Usage(nullptr);
+    return kExitSuccessAnswer;
+  }
+  if (i < argc && strcmp(argv[i], "--module") == 0) {
+    if (i + 1 >= argc) return Usage("--module needs a path");
+    modulePath = argv[i + 1];
+    i += 2;
+  }
+  if (argc - i < 3 || argc - i > 4) return Usage("wrong number of arguments");
+  const std::string api = argv[i];
+  unsigned long version = 0;
+  if (!ParseVersion(argv[i + 1], version)) return Usage("VERSION must be a number");
+  const std::string method = argv[i + 2];
+  Json::Value params(Json::objectValue);
+  if (argc - i == 4) {
+    std::string error;
+    if (!ParseParams(argv[i + 3], params, error)) {
+      fprintf(stderr, "velawebapi-call: malformed PARAMS_JSON: %s\n", error.c_str());
+      return kExitUsage;
+    }
+  }
+  if (modulePath.empty()) modulePath = DefaultModule();
+
+  void* module = dlopen(modulePath.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (module == nullptr) {
+    fprintf(stderr, "velawebapi-call: cannot load module %s: %s\n", modulePath.c_str(), dlerror());
+    return kExitUsage;
+  }
+  auto getTable = reinterpret_cast<VELA_WEBAPI_GET_TABLE>(dlsym(module, VELA_WEBAPI_GET_TABLE_SYMBOL));
+  if (getTable == nullptr) {
+    fprintf(stderr, "velawebapi-call: module %s has no %s\n", modulePath.c_str(),
+            VELA_WEBAPI_GET_TABLE_SYMBOL);
+    return kExitUsage;
+  }
+  const VELA_WEBAPI_ENTRY* entry = getTable();
+  for (; entry != nullptr && entry->szAPI != nullptr; ++entry) {
+    if (api == entry->szAPI && version == entry->version && method == entry->szMethod) break;
+  }
+  if (entry == nullptr || entry->szAPI == nullptr || entry->pfnHandler == nullptr) {
+    fprintf(stderr, "velawebapi-call: module %s has no method %s of %s version %lu\n",
+            modulePath.c_str(), method.c_str(), api.c_str(), version);
+    return kExitUsage;
+  }
+
+  VELA::APIRequest request(params);
+  VELA::APIResponse response;
+  try {
+    entry->pfnHandler(&request, &response);
+  } catch (const std::exception& e) {
+    fprintf(stderr, "velawebapi-call: %s %s failed: %s\n", api.c_str(), method.c_str(), e.what());
+    response.SetError(kErrorUnknown);
+  }
+  if (!response.IsAnswered()) response.SetError(kErrorUnknown);
+
+  // Printed by hand so that "success" comes first, as clients expect to see it.
+  if (response.IsSuccess()) {
+    printf("{\"success\":true,\"data\":%s}\n", Compact(response.GetData()).c_str());
+    return kExitSuccessAnswer;
+  }
+  printf("{\"success\":false,\"error\":{\"code\":%d}}\n", response.GetErrorCode());
+  return kExitErrorAnswer;
+}
