@@ -163,12 +163,6 @@ TEST(Popen, ExecFailureIsReportedByTheCallItself) {
     EXPECT_EQ(VLIB_ERR_SYSTEM, VLIBCErrGet()) << c.path;
   }
   EXPECT_TRUE(NoChildren()) << "the failed child is reaped";
-
-  for (const char* mode : {"", "x", "rw", "rb", "wBB"}) {
-    EXPECT_EQ(nullptr, VLIBCPopen("/bin/true", mode, nullptr)) << mode;
-    EXPECT_EQ(VLIB_ERR_BAD_PARAMETERS, VLIBCErrGet()) << mode;
-  }
-  EXPECT_EQ(nullptr, VLIBCPopenv("/bin/true", "r", nullptr));
 }
 
 TEST(ForkChildNoWait, WorkerHoldsNoneOfTheCallersDescriptorsAndLeavesNoZombie) {
