@@ -34,7 +34,9 @@ extern "C" {
 // Finds the share named exactly `szName` on the mounted volumes (the lowest
 // volume wins if two carry the name). 0 and a new record in *ppShare (free
 // it with VELAShareFree), or -1 with VLIB_ERR_NOT_FOUND when there is no
-// such share (VLIB_ERR_BAD_PARAMETERS, VLIB_ERR_SYSTEM otherwise).
+// such share, a name beginning with "." or "@" included
+// (VLIB_ERR_BAD_PARAMETERS for NULL, "", ".", ".." or a name with "/";
+// VLIB_ERR_SYSTEM otherwise).
 VELA_PLATFORM_API int VELAShareGet(const char* szName, PVELASHARE* ppShare);
 // NULL is accepted.
 VELA_PLATFORM_API void VELAShareFree(PVELASHARE pShare);
@@ -48,7 +50,8 @@ VELA_PLATFORM_API int VELAShareEnum(PVLIBSZLIST* ppList, int flags);
 // compares so with the time of that name.
 VELA_PLATFORM_API int VELAShareSnapTimeSelector(const char* szSnapName, const char* szArg);
 // Appends a selector to the chain. 0, or -1 with VLIB_ERR_BAD_PARAMETERS
-// when the argument is not one the kind understands.
+// when the argument is not one the kind understands (the kind answers -1
+// for it with a valid snapshot name).
 VELA_PLATFORM_API int VELAShareSnapSelectorAdd(PVELASNAPSELECTOR* ppSelectors, VELASNAPSELECTOR_FN fn,
                                                const char* szArg);
 // Frees a chain. NULL is accepted.
@@ -62,7 +65,9 @@ VELA_PLATFORM_API int VELAShareSnapList(PVELASHARE pShare, PVLIBSZLIST* ppNames,
                                         PVELASNAPSELECTOR pSelectors);
 // Writes the share's snapshot directory into `buf`, creating it (and
 // "/volumeN/@snapshots") when missing. `flags` must be 0. 1 on success;
-// 0 or -1 with the error set otherwise.
+// 0 or -1 with the error set otherwise: VLIB_ERR_NOT_FOUND when the share
+// is no longer there (nothing is created then), VLIB_ERR_BAD_PARAMETERS
+// when the path does not fit in `size` bytes.
 VELA_PLATFORM_API int VELAShareSnapGetOrCreateSnapDir(PVELASHARE pShare, char* buf, int size, int flags);
 // The time of a snapshot name, in seconds since the epoch, honouring its
 // offset. 0, or -1 with VLIB_ERR_BAD_PARAMETERS when it is not a snapshot
@@ -75,6 +80,10 @@ VELA_PLATFORM_API int VELAShareSnapTimeGet(const char* szSnapName, time_t* pTime
 // one. 0, or -1 with the error set (VLIB_ERR_EXISTS for a taken name,
 // VLIB_ERR_BAD_FS_TYPE for a volume that is not btrfs, VLIB_ERR_NOT_FOUND
 // for a missing volume or snapshot, VLIB_ERR_BAD_PARAMETERS for a bad name).
+// Shares are found by name alone, so a share name is taken while any volume
+// has a share of that name, or "/volumeN" has any entry of that name. Only
+// what VELAShareSnapList would list is deleted: anything else in the
+// snapshot directory is VLIB_ERR_NOT_FOUND to VELAShareSnapDelete.
 VELA_PLATFORM_API int VELAShareCreate(int volume, const char* szName);
 VELA_PLATFORM_API int VELAShareSnapCreate(PVELASHARE pShare, const char* szSnapName);
 VELA_PLATFORM_API int VELAShareSnapDelete(PVELASHARE pShare, const char* szSnapName);

@@ -27,13 +27,15 @@ extern "C" {
 #endif
 
 // The volume of an absolute path "/volumeN" or "/volumeN/...", read from
-// the path's text alone. 0, or -1 with VLIB_ERR_BAD_VOLUME_PATH for any
-// other path (VLIB_ERR_BAD_PARAMETERS for NULL).
+// the path's text alone (N decimal, without leading zeros, 1 to INT_MAX).
+// 0, or -1 with VLIB_ERR_BAD_VOLUME_PATH for any other path
+// (VLIB_ERR_BAD_PARAMETERS for NULL).
 VELA_PLATFORM_API int VolumePathParseEx(const char* szPath, PVOLUME_PATH_INFO pInfo);
 // The volume number and file-system kind of the mount holding `szPath`
-// (links resolved). 0, or -1 with the error set: VLIB_ERR_NOT_FOUND when
+// (links resolved): the visible mount whose mount point is the longest
+// prefix of the path. 0, or -1 with the error set: VLIB_ERR_NOT_FOUND when
 // the path does not exist, VLIB_ERR_BAD_VOLUME_PATH when the mount holding
-// it is not a volume.
+// it is not mounted exactly at a "/volumeN".
 VELA_PLATFORM_API int VELAMountVolInfoGet(const char* szPath, PVELAMOUNTVOLINFO pInfo);
 
 #ifdef __cplusplus

@@ -1,8 +1,9 @@
 // Running programs and forking workers.
 //
 // Programs are started from an argument vector, never through a shell, with
-// LC_ALL=C, standard input from /dev/null (read mode) and every descriptor
-// above 2 closed.
+// LC_ALL=C, standard input from /dev/null (read mode), every descriptor
+// above 2 closed, the caller's signal mask, and every signal at its default
+// action (a server that ignores SIGPIPE does not pass that on).
 #ifndef VELA_VLIB_PROC_H_
 #define VELA_VLIB_PROC_H_
 
@@ -27,8 +28,9 @@ VELA_PLATFORM_API FILE* VLIBCPopen(const char* path, const char* mode, ...);
 VELA_PLATFORM_API FILE* VLIBCPopenv(const char* path, const char* mode, char* const argv[]);
 // Closes a stream from VLIBCPopen/VLIBCPopenv and waits for its program:
 // the exit status (0-255), 128 + the signal number for a program killed by
-// a signal, or -1 with the error set. A stream that is not open (already
-// closed, or never opened here) is left alone: -1 with
+// a signal, or -1 with the error set (VLIB_ERR_SYSTEM when the program
+// cannot be waited for, as in a caller that ignores SIGCHLD). A stream that
+// is not open (already closed, or never opened here) is left alone: -1 with
 // VLIB_ERR_BAD_PARAMETERS.
 VELA_PLATFORM_API int VLIBCPclose(FILE* fp);
 
@@ -38,6 +40,8 @@ VELA_PLATFORM_API int VLIBCPclose(FILE* fp);
 // exits at once and is reaped here), runs in a session of its own so it
 // outlives the caller and its process group, and holds none of the caller's
 // descriptors: 0, 1 and 2 are /dev/null and everything above is closed.
+// The worker keeps the caller's signal handlers and mask; the caller's
+// SIGCHLD disposition is left as it is.
 VELA_PLATFORM_API pid_t VLIBCProcForkChildNoWait(void);
 
 #ifdef __cplusplus

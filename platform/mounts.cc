@@ -1,0 +1,76 @@
+#include "mounts.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <set>
+#include <sstream>
+#include <utility>
+
+namespace vela::platform {
+
+namespace {
+
+// The kernel writes space, tab, newline and backslash in paths as "\ooo".
+std::string Unescape(const std::string& field) {
+  std::string out;
+  for (size_t i = 0; i < field.size(); ++i) {
+    if (field[i] == '\\' && i + 3 < field.size() && field[i + 1] >= '0' && field[i + 1] <= '3' &&
+        field[i + 2] >= '0' && field[i + 2] <= '7' && field[i + 3] >= '0' && field[i + 3] <= '7') {
+      out += static_cast<char>((field[i + 1] - '0') * 64 + (field[i + 2] - '0') * 8 + (field[i + 3] - '0'));
+      i += 3;
+    } else {
+      out += field[i];
+    }
+  }
+  return out;
+}
+
+// "ID PARENT MAJ:MIN ROOT POINT OPTIONS [OPTIONAL...] - FSTYPE SOURCE SUPER"
+bool ParseLine(const std::string& line, Mount* mount) {
+  std::istringstream in(line);
+  std::string majorMinor, root, point, options, field;
+  if (!(in >> mount->id >> mount->parentId >> majorMinor >> root >> point >> options)) return false;
+  while (in >> field && field != "-") {
+  }
+  std::string fsType, source;
+  if (field != "-" || !(in >> fsType >> source)) return false;
+  mount->point = Unescape(point);
+  mount->fsType = fsType;
+  mount->source = Unescape(source);
+  return true;
+}
+
+}  // namespace
+
+bool ReadMounts(std::vector<Mount>* mounts) {
+  FILE* file = fopen("/proc/self/mountinfo", "re");
+  if (file == nullptr) return false;
+  std::vector<Mount> all;
+  char* line = nullptr;
+  size_t capacity = 0;
+  ssize_t length;
+  while ((length = getline(&line, &capacity, file)) > 0) {
+    Mount mount;
+    if (ParseLine(std::string(line, static_cast<size_t>(length)), &mount)) all.push_back(std::move(mount));
+  }
+  const bool failed = ferror(file) != 0;
+  const int readError = errno;
+  free(line);
+  fclose(file);
+  if (failed) {
+    errno = readError;
+    return false;
+  }
+  // A mount is hidden when another one is mounted on top of it, which is a
+  // mount at the same point whose parent it is.
+  std::set<std::pair<int, std::string>> covered;
+  for (const Mount& m : all) covered.emplace(m.parentId, m.point);
+  mounts->clear();
+  for (Mount& m : all) {
+    if (covered.count({m.id, m.point}) == 0) mounts->push_back(std::move(m));
+  }
+  return true;
+}
+
+}  // namespace vela::platform
