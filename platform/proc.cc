@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -350,6 +351,10 @@ pid_t VLIBCProcForkChildNoWait(void) {
       // runs.
       pidRead.Release();
       pidWrite.Release();
+      // The C library's log connection is one of those descriptors: forget
+      // it, or its next message could go to, and its close could close,
+      // whatever file the worker opens under the same number.
+      closelog();
       CloseFrom(3, maxFd);
       return 0;
     }
