@@ -1,4 +1,8 @@
 // Types shared across the calculation library and its callers.
+//
+// The enumerations that callers may pass unknown values of have a fixed
+// underlying int, so that such values are well defined and reach the checks
+// that refuse them.
 #ifndef VELABTRFSSNAPUSAGE_TYPES_H_
 #define VELABTRFSSNAPUSAGE_TYPES_H_
 
@@ -13,7 +17,7 @@ class TaskStatus;
 
 // Attributes of a status record. The numbers are written to logs and used as
 // indexes; keep them.
-enum TASKSTATUS_ATTR {
+enum TASKSTATUS_ATTR : int {
   TASKSTATUS_ATTR_STATUS = 0,
   TASKSTATUS_ATTR_START_TIME = 1,
   TASKSTATUS_ATTR_END_TIME = 2,
@@ -28,7 +32,7 @@ enum TASKSTATUS_ATTR {
 };
 
 // States of a calculation, stored under "status".
-enum CAL_TASK_STATUS {
+enum CAL_TASK_STATUS : int {
   CAL_TASK_STATUS_READY = 0,
   CAL_TASK_STATUS_PROCESS = 1,
   CAL_TASK_STATUS_FAIL = 2,
@@ -37,19 +41,19 @@ enum CAL_TASK_STATUS {
 };
 
 // Which result vector of a task: exclusive bytes, or subvolume root IDs.
-enum TASK_RESULT_OPT {
+enum TASK_RESULT_OPT : int {
   TASK_RESULT_OPT_RESULT = 1,     // ".result"
   TASK_RESULT_OPT_SUBVOL_ID = 2,  // ".subvol_id"
 };
 
 // Result of a progress call-back: 0 is success.
-enum _tag_progress_update_function_ret {
+enum _tag_progress_update_function_ret : int {
   PROGRESS_UPDATE_SUCCESS = 0,
   PROGRESS_UPDATE_FAIL = 1,
 };
 
 // Result of a parser of the btrfs tool's output.
-enum _tag_fp_parse_function_ret {
+enum _tag_fp_parse_function_ret : int {
   FP_PARSE_SUCCESS = 0,    // output read to its end, results stored
   FP_PARSE_SIGNALED = 1,   // stopped by a signal
   FP_PARSE_FAIL = 2,       // error while reading or storing
