@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -77,6 +78,28 @@ int ChildProcess::Wait() {
   const int status = Reap(pid_);
   pid_ = -1;
   return status;
+}
+
+void BecomeSubreaper() {
+  if (prctl(PR_SET_CHILD_SUBREAPER, 1) != 0) {
+    throw std::runtime_error(std::string("PR_SET_CHILD_SUBREAPER: ") + strerror(errno));
+  }
+}
+
+int WaitForExit(pid_t pid, int timeoutMs) {
+  for (int waited = 0; waited <= timeoutMs; waited += 10) {
+    int status = 0;
+    const pid_t done = waitpid(pid, &status, WNOHANG);
+    if (done > 0) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    if (done < 0 && errno != EINTR) return -1;
+    usleep(10000);
+  }
+  return -1;
+}
+
+bool HasChildren() {
+  siginfo_t info = {};
+  return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0;
 }
 
 bool WaitReadable(int fd, int timeoutMs) {

@@ -32,6 +32,16 @@ class ChildProcess {
   pid_t pid_ = -1;
 };
 
+// Makes this process the reaper of its orphaned descendants, so that a test
+// can wait for a worker forked "without wait" and read its exit status.
+void BecomeSubreaper();
+// Waits up to `timeoutMs` for process `pid` (a child or an adopted orphan;
+// -1 for any)
+// to end: its exit status, 128 + signal, or -1 on time-out.
+int WaitForExit(pid_t pid, int timeoutMs);
+// Whether this process has any child left, running or zombie.
+bool HasChildren();
+
 // Waits up to `timeoutMs` for `fd` to become readable.
 bool WaitReadable(int fd, int timeoutMs);
 

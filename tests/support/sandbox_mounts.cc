@@ -87,4 +87,22 @@ std::string BindInto(const std::string& src, const std::string& dst) {
   return "";
 }
 
+std::string RemoveInto(const std::string& path) {
+  RequireSandbox("RemoveInto");
+  struct stat st;
+  if (lstat(path.c_str(), &st) != 0) return "";
+  const std::string parent = DirName(path);
+  if (!IsPrivate(parent)) {
+    std::string error = OverlayDirectory(parent);
+    if (!error.empty()) return error;
+  }
+  // Something bound over the path (a test double) goes first.
+  for (int mounts = 0; unlink(path.c_str()) != 0; ++mounts) {
+    if (errno != EBUSY || mounts == 8 || umount2(path.c_str(), MNT_DETACH) != 0) {
+      return Errno("unlink", path);
+    }
+  }
+  return "";
+}
+
 }  // namespace vela::test

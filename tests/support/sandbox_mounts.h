@@ -24,6 +24,11 @@ void RequireSandbox(const char* what);
 // real machine, an overlay is laid over that directory first so that the
 // machine's files stay untouched. Returns an error text, empty on success.
 std::string BindInto(const std::string& src, const std::string& dst);
+// Makes `path` absent in this mount namespace without touching the
+// machine: when its directory belongs to the real machine, an overlay is
+// laid over that directory first, so the removal is a private whiteout.
+// A missing path is fine. Returns an error text, empty on success.
+std::string RemoveInto(const std::string& path);
 
 }  // namespace vela::test
 

@@ -1,0 +1,214 @@
+#include "velabtrfssnapusage/btrfs_tool.h"
+
+#include <dirent.h>
+#include <linux/btrfs.h>
+#include <stdlib.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "intl_utils/file_names.h"
+#include "intl_utils/log.h"
+#include "vela/vlib_file.h"
+#include "vela/vlib_proc.h"
+#include "velabtrfssnapusage/file_helpers.h"
+#include "velabtrfssnapusage/share_snapshot.h"
+#include "velabtrfssnapusage/signal_handler.h"
+
+namespace VelaBtrfsUsage {
+
+namespace {
+
+constexpr char kLogSource[] = "intl_utils/btrfs_tool";
+constexpr char kBtrfsTool[] = VELA_BTRFS_TOOL_PATH;
+constexpr unsigned long long kFirstFreeObjectId = 256;  // every subvolume's root directory
+constexpr long kBtrfsMagic = 0x9123683E;
+
+}  // namespace
+
+volatile sig_atomic_t BtrfsTool::gSignal = 0;
+
+int BtrfsTool::CmdExc(_tag_VELA_BTRFS_USAGE_CAL_TASK* task, std::string taskID, PVLIBSZLIST* ppListParam,
+                      VELA_FP_PARSER_FN parser, std::string& errMsg, std::string& cmd, void* context) {
+  (void)context;
+  if (ppListParam == nullptr) {
+    VELA_INVALID_ARGUMENT("__null != ppListParam");
+    return BTRFS_CMD_INVALID_ARGUMENT;
+  }
+  if (parser == nullptr) {
+    VELA_INVALID_ARGUMENT("NULL != pCmdFpParser");
+    return BTRFS_CMD_INVALID_ARGUMENT;
+  }
+  if (task == nullptr) {
+    VELA_INVALID_ARGUMENT("__null != opt_task");
+    return BTRFS_CMD_INVALID_ARGUMENT;
+  }
+  if (*ppListParam == nullptr) return BTRFS_CMD_INVALID_ARGUMENT;
+  if (VLIBCFileExist(kBtrfsTool) != 1) {
+    VELA_LOG(LOG_ERR, "%s is not found.", kBtrfsTool);
+    return BTRFS_CMD_TOOL_MISSING;
+  }
+  signal(SIGTERM, SignalHandler::handleSnapUsageCalulate);
+  // SIGKILL cannot be caught; asking costs nothing and documents the intent.
+  (void)signal(SIGKILL, SignalHandler::handleSnapUsageCalulate);
+
+  const int items = (*ppListParam)->nItem;
+  std::vector<char*> argv(static_cast<size_t>(items) + 10, nullptr);
+  char volumePath[1024] = {};
+  int next = 0;
+  argv[next++] = const_cast<char*>(kBtrfsTool);
+  argv[next++] = const_cast<char*>("subvolume");
+  argv[next++] = const_cast<char*>("size");
+  argv[next++] = const_cast<char*>("-vpm");
+  if (task->option == VELA_BTRFS_USAGE_CAL_BY_SUBVOL_ID) {
+    snprintf(volumePath, sizeof(volumePath), VELA_VOLUME_PATH_FORMAT, task->volume);
+    argv[next++] = const_cast<char*>("-r");
+    argv[next++] = volumePath;
+  } else if (task->option != VELA_BTRFS_USAGE_CAL_BY_PATH) {
+    VELA_LOG(LOG_ERR, "Invalid option of calculator: %d", task->option);
+    return BTRFS_CMD_INVALID_ARGUMENT;
+  }
+  for (int i = 0; i < items; ++i) argv[next++] = const_cast<char*>(VLIBCSzListGet(*ppListParam, i));
+
+  if (SignalHandler::StopRequested()) return BTRFS_CMD_STOPPED;
+  FILE* fp = VLIBCPopenv(kBtrfsTool, "rB", argv.data());
+  if (fp == nullptr) {
+    if (VLIBCErrGet() == VLIB_ERR_SYSTEM) {
+      VELA_LOG(LOG_WARNING, "Faild to open pipe" VELA_ERR_FMT " [%d]", VELA_ERR_ARGS, errno);
+    }
+    return BTRFS_CMD_PIPE_FAIL;
+  }
+  std::string commandLine;
+  for (int i = 0; argv[i] != nullptr; ++i) commandLine += std::string(argv[i]) + " ";
+  VELA_LOG(LOG_DEBUG, "BTRFS CMD: %s", commandLine.c_str());
+
+  int code = BTRFS_CMD_STOPPED;
+  if (!SignalHandler::StopRequested()) {
+    cmd = commandLine;
+    const int parsed = parser(taskID, fp, errMsg, task->progressUpdate);
+    switch (parsed) {
+      case FP_PARSE_SUCCESS:
+        code = BTRFS_CMD_SUCCESS;
+        break;
+      case FP_PARSE_SIGNALED:
+        code = BTRFS_CMD_STOPPED;
+        break;
+      case FP_PARSE_FAIL:
+        VELA_LOG(LOG_WARNING, "Failed to read pipe, cmd(%s)" VELA_ERR_FMT, commandLine.c_str(),
+                 VELA_ERR_ARGS);
+        code = BTRFS_CMD_PARSER_FAIL;
+        break;
+      default:
+        VELA_LOG(LOG_ERR, "Unknown return code (%d) of parser function is found.", parsed);
+        code = BTRFS_CMD_PARSER_FAIL;
+        break;
+    }
+    // The tool's own failure is logged; the run's code is the parser's.
+    if (VLIBCPclose(fp) != 0) {
+      VELA_SET_ERROR(VLIB_ERR_OPERATION_FAILED);
+      VELA_LOG(LOG_ERR, "Failed to run\"%s\".", commandLine.c_str());
+    }
+  }
+  // Closes the stream on the stop path; after the close above it is a
+  // no-op the platform tolerates.
+  VLIBCPclose(fp);
+  return code;
+}
+
+int BtrfsTool::SubvolTest(const char* path) {
+  if (path == nullptr) {
+    VELA_INVALID_ARGUMENT("__null != path");
+    return -1;
+  }
+  struct stat st;
+  if (stat(path, &st) != 0) return -errno;
+  if (st.st_ino != kFirstFreeObjectId || !S_ISDIR(st.st_mode)) return 0;
+  struct statfs fs;
+  if (statfs(path, &fs) != 0) return -errno;
+  return fs.f_type == kBtrfsMagic ? 1 : 0;
+}
+
+int BtrfsTool::SubvolRootIdLookup(const char* szPath, unsigned long long& rootId) {
+  if (szPath == nullptr) {
+    VELA_INVALID_ARGUMENT("__null != szPath");
+    return -1;
+  }
+  std::unique_ptr<char, decltype(&free)> resolved(realpath(szPath, nullptr), &free);
+  if (resolved == nullptr) {
+    VELA_LOG(LOG_ERR, "Failed to get realpath of '%s', errno:%s", szPath, strerror(errno));
+    return -1;
+  }
+  const char* path = resolved.get();
+  const int test = SubvolTest(path);
+  if (test < 0) {
+    VELA_LOG(LOG_ERR, "Failed to access subvolume '%s': %s", path, strerror(-test));
+    return -1;
+  }
+  if (test == 0) {
+    VELA_LOG(LOG_ERR, "'%s' is not a subvolume", path);
+    return -1;
+  }
+  DIR* dir = nullptr;
+  const int fd = Utils::FileOrDirOpen(path, &dir);
+  if (fd < 0) {
+    VELA_LOG(LOG_ERR, "Cannot access '%s'", path);
+    Utils::FileOrDirClose(-1, dir);
+    return -1;
+  }
+  struct btrfs_ioctl_ino_lookup_args args;
+  memset(&args, 0, sizeof(args));
+  args.treeid = 0;  // the tree of the opened file
+  args.objectid = kFirstFreeObjectId;
+  if (ioctl(fd, BTRFS_IOC_INO_LOOKUP, &args) != 0) {
+    fprintf(stderr, "ERROR: Failed to lookup root id - %s\n", strerror(errno));
+    VELA_LOG(LOG_ERR, "Failed to lookup rootid '%s'", path);
+    Utils::FileOrDirClose(fd, dir);
+    return -1;
+  }
+  rootId = args.treeid;
+  Utils::FileOrDirClose(fd, dir);
+  return 0;
+}
+
+int BtrfsTool::PathToRootId(PVLIBSZLIST* ppListPath, PVLIBSZLIST* ppListRootID) {
+  if (ppListPath == nullptr) {
+    VELA_INVALID_ARGUMENT("__null != ppListPath");
+    return -1;
+  }
+  if (ppListRootID == nullptr) {
+    VELA_INVALID_ARGUMENT("NULL != ppListRootID");
+    return -1;
+  }
+  if (*ppListPath == nullptr || *ppListRootID == nullptr) {
+    VELA_SET_ERROR(VLIB_ERR_BAD_PARAMETERS);
+    return -1;
+  }
+  int volume = -1;
+  if (Utils::SameVolumeCheck(ppListPath, volume) != 0) {
+    VELA_LOG(LOG_ERR, "Same volume check fails" VELA_ERR_FMT, VELA_ERR_ARGS);
+    return -1;
+  }
+  VLIBCSzListRemoveAll(*ppListRootID);
+  for (int i = 0; i < (*ppListPath)->nItem; ++i) {
+    const char* path = VLIBCSzListGet(*ppListPath, i);
+    unsigned long long rootId = 0;
+    if (SubvolRootIdLookup(path, rootId) != 0) {
+      VELA_LOG(LOG_ERR, "Failed to look up the root ID of [%s]", path);
+      return -1;
+    }
+    char text[32];
+    snprintf(text, sizeof(text), "%llu", rootId);
+    if (VLIBCSzListPush(ppListRootID, text) < 0) {
+      VELA_LOG(LOG_ERR, "Failed to push root ID [%s] to the list" VELA_ERR_FMT, text, VELA_ERR_ARGS);
+      return -1;
+    }
+  }
+  return 0;
+}
+
+}  // namespace VelaBtrfsUsage

@@ -1,0 +1,315 @@
+#include "velabtrfssnapusage/snap_usage_cal.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "intl_utils/log.h"
+#include "vela/vlib_proc.h"
+#include "velabtrfssnapusage/btrfs_tool.h"
+#include "velabtrfssnapusage/process_helpers.h"
+#include "velabtrfssnapusage/signal_handler.h"
+#include "velabtrfssnapusage/task_result.h"
+
+namespace VelaBtrfsUsage {
+
+namespace {
+
+constexpr char kLogSource[] = "snap_calculator/snap_usage_cal";
+
+bool StartsWith(const char* line, const char* word) { return strncmp(line, word, strlen(word)) == 0; }
+
+void RunProgress(VELA_PROGRESS_UPDATE_FN progress, TaskStatus& status) {
+  if (progress != nullptr && progress(status, nullptr) != PROGRESS_UPDATE_SUCCESS) {
+    VELA_LOG(LOG_ERR, "Failed to execute progress updating call-back function");
+  }
+}
+
+}  // namespace
+
+SnapUsageCalculator::SnapUsageCalculator() = default;
+
+SnapUsageCalculator::SnapUsageCalculator(const std::string& id) : taskID(id) {}
+
+SnapUsageCalculator::~SnapUsageCalculator() = default;
+
+bool SnapUsageCalculator::GenTaskID(std::string& id) {
+  std::string candidate;
+  for (;;) {
+    if (!Utils::UUIDGen(candidate)) {
+      VELA_LOG(LOG_ERR, "Failed to gen UUID." VELA_ERR_FMT, VELA_ERR_ARGS);
+      return false;
+    }
+    if (!TaskStatus::CheckFile(candidate)) break;  // taken by a live task: draw again
+  }
+  id = candidate;
+  return true;
+}
+
+bool SnapUsageCalculator::Valid() const { return !taskID.empty() && status.Valid(); }
+
+int SnapUsageCalculator::Init(const std::string& id) {
+  taskID = id;
+  if (!status.Init(id, true)) {
+    VELA_LOG_TASK(LOG_ERR, "Init", taskID, "Failed to initilize task status" VELA_ERR_FMT, VELA_ERR_ARGS);
+    return SNAP_USAGE_CAL_FAIL;
+  }
+  return SNAP_USAGE_CAL_SUCCESS;
+}
+
+bool SnapUsageCalculator::CreateTask(SnapUsageCalculator& calculator) {
+  std::string id;
+  if (!GenTaskID(id)) {
+    VELA_LOG(LOG_ERR, "Failed to generate task ID");
+    return false;
+  }
+  if (calculator.Init(id) != SNAP_USAGE_CAL_SUCCESS) {
+    VELA_LOG(LOG_ERR, "Failed to initialize the calculator task with ID :%s", id.c_str());
+    return false;
+  }
+  return true;
+}
+
+int SnapUsageCalculator::SetTaskStatusReady() {
+  if (status.SetStatusAttr(TASKSTATUS_ATTR_PID, Utils::PIDStringGet()) != TASK_STATUS_SUCCESS ||
+      status.SetStatusIntAttr(TASKSTATUS_ATTR_ERROR_CODE, -1) != TASK_STATUS_SUCCESS ||
+      status.SetStatusNowTimeAttr(TASKSTATUS_ATTR_START_TIME) != TASK_STATUS_SUCCESS) {
+    return SNAP_USAGE_CAL_FAIL;
+  }
+  return SNAP_USAGE_CAL_SUCCESS;
+}
+
+int SnapUsageCalculator::Start(_tag_VELA_BTRFS_USAGE_CAL_TASK* task, PVLIBSZLIST* ppData) {
+  if (task == nullptr) {
+    VELA_INVALID_ARGUMENT("__null != opt_task");
+    return SNAP_USAGE_CAL_INVALID_ARGUMENT;
+  }
+  if (ppData == nullptr) {
+    VELA_INVALID_ARGUMENT("NULL != ppData");
+    return SNAP_USAGE_CAL_INVALID_ARGUMENT;
+  }
+  if (!Valid()) return SNAP_USAGE_CAL_INVALID_OBJECT;
+  const pid_t pid = VLIBCProcForkChildNoWait();
+  if (pid < 0) {
+    VELA_LOG_TASK(LOG_ERR, "Start", taskID, "Failed to fork() " VELA_ERR_FMT, VELA_ERR_ARGS);
+    return SNAP_USAGE_CAL_FORK_FAIL;
+  }
+  if (pid > 0) return SNAP_USAGE_CAL_SUCCESS;
+
+  // The child: everything from here on is reported through the status file.
+  const int code = StartTask(task, ppData);
+  if (code != 0) {
+    // Expected outcomes such as a stop: not an error of this process.
+    VELA_LOG_TASK(LOG_DEBUG, "Start", taskID, "Failed to start the calculator task, ret: %d" VELA_ERR_FMT,
+                  code, VELA_ERR_ARGS);
+    exit(code);
+  }
+  if (PostCalAction(task) != SNAP_USAGE_CAL_SUCCESS) {
+    VELA_LOG_TASK(LOG_ERR, "Start", taskID, "Failed to perform post-calculation action" VELA_ERR_FMT,
+                  VELA_ERR_ARGS);
+    exit(SNAP_USAGE_CAL_POST_ACTION_FAIL);
+  }
+  exit(SNAP_USAGE_CAL_SUCCESS);
+}
+
+int SnapUsageCalculator::StartTask(_tag_VELA_BTRFS_USAGE_CAL_TASK* task, PVLIBSZLIST* ppData) {
+  std::string errMsg;
+  std::string cmd;
+  int code = SNAP_USAGE_CAL_SUCCESS;
+  if (status.SetCalculatorStatus(CAL_TASK_STATUS_PROCESS) != TASK_STATUS_SUCCESS) {
+    code = SNAP_USAGE_CAL_FAIL;
+  } else {
+    RunProgress(task->progressUpdate, status);
+    if (SetTaskStatusReady() != SNAP_USAGE_CAL_SUCCESS) {
+      VELA_LOG_TASK(LOG_ERR, "StartTask", taskID, "Failed to prepare the status of calculator");
+      code = SNAP_USAGE_CAL_FAIL;
+    } else if (task->option == VELA_BTRFS_USAGE_CAL_BY_PATH) {
+      code = CalculateByPath(task, ppData, errMsg, cmd);
+    } else if (task->option == VELA_BTRFS_USAGE_CAL_BY_SUBVOL_ID) {
+      code = CalculateBySubvolID(task, ppData, errMsg, cmd);
+    } else {
+      VELA_LOG_TASK(LOG_ERR, "StartTask", taskID, "Failed to recognize option [%d] of calculator",
+                    task->option);
+      code = SNAP_USAGE_CAL_UNKNOWN_OPTION;
+    }
+  }
+  // Final writes are best effort: there is nobody left to report them to.
+  if (code == BTRFS_CMD_SUCCESS) {
+    status.SetCalculatorStatus(CAL_TASK_STATUS_DONE);
+  } else if (code == BTRFS_CMD_STOPPED) {
+    status.SetCalculatorStatus(CAL_TASK_STATUS_STOP);
+  } else {
+    status.SetCalculatorStatus(CAL_TASK_STATUS_FAIL);
+    status.SetStatusAttr(TASKSTATUS_ATTR_ERROR_MSG, errMsg);
+    status.SetStatusAttr(TASKSTATUS_ATTR_BTRFS_CMD, cmd);
+  }
+  status.SetStatusNowTimeAttr(TASKSTATUS_ATTR_END_TIME);
+  status.SetStatusIntAttr(TASKSTATUS_ATTR_ERROR_CODE, code);
+  RunProgress(task->progressUpdate, status);
+  return code;
+}
+
+int SnapUsageCalculator::PostCalAction(_tag_VELA_BTRFS_USAGE_CAL_TASK* task) {
+  if (task->postCalAction != nullptr && task->postCalAction(status, nullptr) != 0) {
+    VELA_LOG_TASK(LOG_ERR, "PostCalAction", taskID, "Failed to perform post-calculation action" VELA_ERR_FMT,
+                  VELA_ERR_ARGS);
+    return SNAP_USAGE_CAL_FAIL;  // the task's files stay for whoever looks into it
+  }
+  CleanAll();
+  return SNAP_USAGE_CAL_SUCCESS;
+}
+
+void SnapUsageCalculator::CleanAll() {
+  if (!TaskResult::CleanFile(taskID)) {
+    VELA_LOG_TASK(LOG_ERR, "CleanAll", taskID, "Failed to clean task result, taskID: %s", taskID.c_str());
+  }
+  if (!TaskStatus::CleanFile(taskID)) {
+    VELA_LOG_TASK(LOG_ERR, "CleanAll", taskID, "Failed to clean task status, taskID: %s", taskID.c_str());
+  }
+}
+
+int SnapUsageCalculator::Stop(const std::string& id) {
+  if (id.empty()) {
+    VELA_INVALID_ARGUMENT("!taskID.empty()");
+    return SNAP_USAGE_CAL_INVALID_ARGUMENT;
+  }
+  TaskStatus record;
+  if (!record.Init(id, false)) {
+    VELA_LOG(LOG_ERR, "Failed to initialize object, taskID:(%s)" VELA_ERR_FMT, id.c_str(), VELA_ERR_ARGS);
+    return SNAP_USAGE_CAL_FAIL;
+  }
+  CAL_TASK_STATUS state;
+  if (record.GetCalculatorStatus(state) != TASK_STATUS_SUCCESS) {
+    VELA_LOG(LOG_ERR, "Failed to get calculator status, taskID:(%s)", id.c_str());
+    return SNAP_USAGE_CAL_SUCCESS;  // nothing readable is nothing to stop
+  }
+  if (state != CAL_TASK_STATUS_PROCESS) {
+    if (state < CAL_TASK_STATUS_READY || state > CAL_TASK_STATUS_DONE) {
+      VELA_LOG_TASK(LOG_ERR, "Stop", id, "Invalid status = %d", static_cast<int>(state));
+    }
+    return SNAP_USAGE_CAL_SUCCESS;
+  }
+  int pid = 0;
+  if (record.GetStatusIntAttr(TASKSTATUS_ATTR_PID, pid) != TASK_STATUS_SUCCESS) return SNAP_USAGE_CAL_SUCCESS;
+  if (Utils::ProcessKill(pid, SIGTERM) < 0) {
+    VELA_LOG_TASK(LOG_ERR, "Stop", id, "failed to send signal [%d] to [%d], err=%s", SIGTERM, pid,
+                  strerror(errno));
+    return SNAP_USAGE_CAL_FAIL;
+  }
+  return SNAP_USAGE_CAL_SUCCESS;
+}
+
+int SnapUsageCalculator::GetTaskStatus(TASKSTATUS_ATTR attr, std::string& value) {
+  std::string text;
+  if (status.GetStatusAttr(attr, text) != TASK_STATUS_SUCCESS) return SNAP_USAGE_CAL_FAIL;
+  value = text;
+  return SNAP_USAGE_CAL_SUCCESS;
+}
+
+int SnapUsageCalculator::GetCalculatorStatus(CAL_TASK_STATUS& state, int& errorCode) {
+  return status.GetCalculatorStatus(state, errorCode);
+}
+
+int SnapUsageCalculator::CalculateByPath(_tag_VELA_BTRFS_USAGE_CAL_TASK* task, PVLIBSZLIST* ppListParam,
+                                         std::string& errMsg, std::string& cmd) {
+  const int code = BtrfsTool::CmdExc(task, taskID, ppListParam, ParseCmdFp, errMsg, cmd, nullptr);
+  if (code != BTRFS_CMD_SUCCESS) {
+    VELA_LOG_TASK(LOG_ERR, "CalculateByPath", taskID,
+                  "Failed to calcuate read-only snapshot usage, errno: %s" VELA_ERR_FMT, strerror(errno),
+                  VELA_ERR_ARGS);
+  }
+  return code;
+}
+
+int SnapUsageCalculator::CalculateBySubvolID(_tag_VELA_BTRFS_USAGE_CAL_TASK* task,
+                                             PVLIBSZLIST* ppListParam, std::string& errMsg,
+                                             std::string& cmd) {
+  const int code = BtrfsTool::CmdExc(task, taskID, ppListParam, ParseCmdFp, errMsg, cmd, nullptr);
+  // A stop is an expected end of a run by root IDs: not logged as a failure.
+  if (code != BTRFS_CMD_SUCCESS && code != BTRFS_CMD_STOPPED) {
+    VELA_LOG_TASK(LOG_ERR, "CalculateBySubvolID", taskID,
+                  "Failed to calcuate read-only snapshot usage, errno: %s" VELA_ERR_FMT, strerror(errno),
+                  VELA_ERR_ARGS);
+  }
+  return code;
+}
+
+_tag_fp_parse_function_ret SnapUsageCalculator::ParseCmdFp(std::string id, FILE* fp, std::string& errMsg,
+                                                           VELA_PROGRESS_UPDATE_FN progress) {
+  (void)errMsg;  // the tool's output carries no message to pass on
+  if (fp == nullptr) {
+    VELA_SET_ERROR(VLIB_ERR_BAD_PARAMETERS);
+    return FP_PARSE_FAIL;
+  }
+  TaskStatus record;
+  if (!record.Init(id, false)) {
+    VELA_LOG(LOG_ERR, "Failed to initialize object, taskID:(%s)" VELA_ERR_FMT, id.c_str(), VELA_ERR_ARGS);
+    return FP_PARSE_FAIL;
+  }
+  std::vector<unsigned long long> ids;
+  std::vector<unsigned long long> bytes;
+  // Shared by every numeric line: a "subvol" line without a byte count takes
+  // the last number read.
+  unsigned long long subvolId = 0;
+  unsigned long long value = 0;
+  char line[1024] = {};
+  while (fgets(line, sizeof(line), fp) != nullptr) {
+    if (SignalHandler::StopRequested()) return FP_PARSE_SIGNALED;
+    int scanned = 1;
+    TASKSTATUS_ATTR progressAttr;
+    bool isProgress = false;
+    if (StartsWith(line, "subvol")) {
+      scanned = sscanf(line, "subvol(%llu) %llu bytes", &subvolId, &value);
+      if (scanned >= 1) {
+        size_t i = 0;
+        while (i < ids.size() && ids[i] != subvolId) ++i;
+        if (i < ids.size()) {
+          bytes[i] = value;  // the last report of a subvolume wins
+        } else {
+          ids.push_back(subvolId);
+          bytes.push_back(value);
+        }
+      }
+    } else if (StartsWith(line, "exclusive")) {
+      scanned = sscanf(line, "exclusive %llu bytes", &value);
+      progressAttr = TASKSTATUS_ATTR_ESTIMATED_IN_BYTES;
+      isProgress = true;
+    } else if (StartsWith(line, "processed")) {
+      scanned = sscanf(line, "processed %llu bytes", &value);
+      progressAttr = TASKSTATUS_ATTR_PROCESSED_IN_BYTES;
+      isProgress = true;
+    } else {
+      continue;
+    }
+    if (scanned < 1) {
+      VELA_LOG_TASK(LOG_ERR, "ParseCmdFp", id,
+                    "Failed to parse the output from BTRFS command, output:[%s], sscanf_ret: %d, errno: %d",
+                    line, scanned, errno);
+      return FP_PARSE_FAIL;
+    }
+    if (isProgress) {
+      char text[32];
+      snprintf(text, sizeof(text), "%llu", value);
+      if (record.SetStatusAttr(progressAttr, text) != TASK_STATUS_SUCCESS) return FP_PARSE_FAIL;
+      RunProgress(progress, record);
+    }
+  }
+  // A read error is not the end of the output: the results would be partial.
+  if (ferror(fp)) return FP_PARSE_FAIL;
+  if (TaskResult::WriteResultVtr(TASK_RESULT_OPT_RESULT, id, bytes) != TASK_RESULT_SUCCESS) {
+    VELA_LOG_TASK(LOG_ERR, "ParseCmdFp", id, "Failed to wirte result vector to file");
+    return FP_PARSE_FAIL;
+  }
+  if (TaskResult::WriteResultVtr(TASK_RESULT_OPT_SUBVOL_ID, id, ids) != TASK_RESULT_SUCCESS) {
+    VELA_LOG_TASK(LOG_ERR, "ParseCmdFp", id, "Failed to wirte subvol ID vector to file");
+    return FP_PARSE_FAIL;
+  }
+  return FP_PARSE_SUCCESS;
+}
+
+}  // namespace VelaBtrfsUsage

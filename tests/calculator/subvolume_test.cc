@@ -1,0 +1,171 @@
+// Subvolume identification and snapshot listing on real loopback btrfs
+// volumes at /volume1 and /volume2 of the test's sandbox.
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <map>
+#include <sstream>
+
+#include "support/btrfs_image.h"
+#include "support/command.h"
+#include "support/syslog_capture.h"
+#include "vela/vlib_error.h"
+#include "velabtrfssnapusage/btrfs_tool.h"
+#include "velabtrfssnapusage/share_snapshot.h"
+
+namespace VelaBtrfsUsage {
+namespace {
+
+using vela::test::BtrfsImage;
+using vela::test::FindSyslog;
+using vela::test::MustRun;
+
+constexpr char kSnap1[] = "GMT+08-2024.03.05-17.04.09";  // 09:04:09 UTC
+constexpr char kSnap2[] = "GMT-2024.03.05-10.00.00";
+constexpr char kSnap3[] = "GMT+0530-2024.03.05-16.00.00";  // 10:30:00 UTC
+
+// Root ID by path, as the btrfs tool lists them.
+std::map<std::string, unsigned long long> ListedIds(const std::string& mount) {
+  std::map<std::string, unsigned long long> ids;
+  std::istringstream lines(MustRun({"btrfs", "subvolume", "list", mount}));
+  std::string id, gen, top, level, pathWord, path;
+  unsigned long long rootId, generation, topLevel;
+  while (lines >> id >> rootId >> gen >> generation >> top >> level >> topLevel >> pathWord >> path) {
+    ids[mount + "/" + path] = rootId;
+  }
+  return ids;
+}
+
+struct ListDeleter {
+  void operator()(VLIBSZLIST* list) const { VLIBCSzListFree(list); }
+};
+using List = std::unique_ptr<VLIBSZLIST, ListDeleter>;
+
+List MakeList(const std::vector<std::string>& items) {
+  PVLIBSZLIST list = VLIBCSzListAlloc(1);
+  for (const auto& item : items) VLIBCSzListPush(&list, item.c_str());
+  return List(list);
+}
+
+std::vector<std::string> Items(PVLIBSZLIST list) {
+  std::vector<std::string> items;
+  for (int i = 0; i < list->nItem; ++i) items.push_back(VLIBCSzListGet(list, i));
+  return items;
+}
+
+class Volumes : public testing::Test {
+ protected:
+  void SetUp() override {
+    vela::test::ClearSyslog();
+    share1_ = volume1_.CreateSubvolume("share1");
+    ASSERT_EQ(0, mkdir("/volume1/@snapshots", 0755));
+    ASSERT_EQ(0, mkdir("/volume1/@snapshots/share1", 0755));
+    for (const char* name : {kSnap1, kSnap2, kSnap3}) {
+      volume1_.Snapshot(share1_, snaps1_ + name);
+    }
+    const std::string share2 = volume2_.CreateSubvolume("share2");
+    ASSERT_EQ(0, mkdir("/volume2/@snapshots", 0755));
+    ASSERT_EQ(0, mkdir("/volume2/@snapshots/share2", 0755));
+    volume2_.Snapshot(share2, "/volume2/@snapshots/share2/" + std::string(kSnap1));
+  }
+
+  BtrfsImage volume1_{"/volume1"};
+  BtrfsImage volume2_{"/volume2"};
+  std::string share1_;
+  const std::string snaps1_ = "/volume1/@snapshots/share1/";
+};
+
+TEST_F(Volumes, RootIdsMatchTheBtrfsToolsListAndLinksAreResolved) {
+  const auto listed = ListedIds("/volume1");
+  List paths = MakeList({snaps1_ + kSnap2, snaps1_ + kSnap1});
+  PVLIBSZLIST ids = VLIBCSzListAlloc(1);
+  VLIBCSzListPush(&ids, "stale");
+  ASSERT_EQ(0, BtrfsTool::PathToRootId(reinterpret_cast<PVLIBSZLIST*>(&paths), &ids));
+  EXPECT_EQ((std::vector<std::string>{std::to_string(listed.at(snaps1_ + kSnap2)),
+                                      std::to_string(listed.at(snaps1_ + kSnap1))}),
+            Items(ids));
+  VLIBCSzListFree(ids);
+
+  ASSERT_EQ(0, symlink((snaps1_ + kSnap3).c_str(), "/volume1/latest"));
+  unsigned long long rootId = 0;
+  ASSERT_EQ(0, BtrfsTool::SubvolRootIdLookup("/volume1/latest", rootId));
+  EXPECT_EQ(listed.at(snaps1_ + kSnap3), rootId);
+  EXPECT_EQ(1, BtrfsTool::SubvolTest(share1_.c_str()));
+  EXPECT_EQ(1, BtrfsTool::SubvolTest("/volume1"));
+}
+
+TEST_F(Volumes, PlainDirectoriesAndPathsOffTheVolumesAreRefused) {
+  ASSERT_EQ(0, mkdir((share1_ + "/dir").c_str(), 0755));
+  ASSERT_EQ(0, symlink((share1_ + "/dir").c_str(), "/volume1/dirlink"));
+  EXPECT_EQ(0, BtrfsTool::SubvolTest((share1_ + "/dir").c_str()));
+  EXPECT_EQ(-ENOENT, BtrfsTool::SubvolTest("/volume1/missing"));
+  unsigned long long rootId = 0;
+  EXPECT_EQ(-1, BtrfsTool::SubvolRootIdLookup("/volume1/dirlink", rootId));
+  EXPECT_EQ(1u, FindSyslog(LOG_ERR, "'/volume1/share1/dir' is not a subvolume").size())
+      << "messages name the resolved path";
+  EXPECT_EQ(-1, BtrfsTool::SubvolRootIdLookup("/volume1/missing", rootId));
+  EXPECT_EQ(1u, FindSyslog(LOG_ERR, "Failed to get realpath of '/volume1/missing', errno:No such file or directory").size());
+
+  int volume = 0;
+  List offVolume = MakeList({"/tmp"});
+  EXPECT_EQ(-1, Utils::SameVolumeCheck(reinterpret_cast<PVLIBSZLIST*>(&offVolume), volume));
+  EXPECT_EQ(0xBE00, VLIBCErrGet());
+  ASSERT_EQ(0, mount("tmpfs", "/volume3", "tmpfs", 0, nullptr));
+  List notBtrfs = MakeList({"/volume3"});
+  EXPECT_EQ(-1, Utils::SameVolumeCheck(reinterpret_cast<PVLIBSZLIST*>(&notBtrfs), volume));
+  EXPECT_EQ(0xD900, VLIBCErrGet());
+  umount2("/volume3", MNT_DETACH);
+  List none = MakeList({});
+  EXPECT_EQ(0, Utils::SameVolumeCheck(reinterpret_cast<PVLIBSZLIST*>(&none), volume));
+  EXPECT_EQ(-1, volume);
+}
+
+TEST_F(Volumes, SnapshotsOnTwoVolumesFailTheSameVolumeCheck) {
+  List mixed = MakeList({snaps1_ + kSnap1, "/volume2/@snapshots/share2/" + std::string(kSnap1)});
+  int volume = 0;
+  EXPECT_EQ(1, Utils::SameVolumeCheck(reinterpret_cast<PVLIBSZLIST*>(&mixed), volume));
+  PVLIBSZLIST ids = VLIBCSzListAlloc(1);
+  EXPECT_EQ(-1, BtrfsTool::PathToRootId(reinterpret_cast<PVLIBSZLIST*>(&mixed), &ids));
+  EXPECT_EQ(0, ids->nItem);
+  EXPECT_EQ(1u, FindSyslog(LOG_ERR, "Same volume check fails").size());
+  VLIBCSzListFree(ids);
+  List same = MakeList({"/volume2/@snapshots/share2/" + std::string(kSnap1)});
+  EXPECT_EQ(0, Utils::SameVolumeCheck(reinterpret_cast<PVLIBSZLIST*>(&same), volume));
+  EXPECT_EQ(2, volume);
+}
+
+TEST_F(Volumes, ShareSnapshotListsSelectByTimeWhateverTheZoneOfTheName) {
+  ASSERT_EQ(0, mkdir((snaps1_ + "not-a-snapshot").c_str(), 0755));
+  PVLIBSZLIST paths = VLIBCSzListAlloc(1);
+  Json::Value all;
+  ASSERT_EQ(0, Utils::ShareSnapListGet("share1", &paths, all));
+  EXPECT_EQ((std::vector<std::string>{snaps1_ + kSnap1, snaps1_ + kSnap2, snaps1_ + kSnap3}), Items(paths))
+      << "oldest first";
+  Json::Value notArray;
+  notArray["time"] = ">=GMT-2024.03.05-09.30.00";
+  VLIBCSzListRemoveAll(paths);
+  ASSERT_EQ(0, Utils::ShareSnapListGet("share1", &paths, notArray));
+  EXPECT_EQ(3, paths->nItem);
+
+  Json::Value range;
+  range["time"].append(">=GMT-2024.03.05-09.30.00");
+  range["time"].append("<=GMT+08-2024.03.05-18.30.00");  // 10:30:00 UTC
+  VLIBCSzListRemoveAll(paths);
+  ASSERT_EQ(0, Utils::ShareSnapListGet("share1", &paths, range));
+  EXPECT_EQ((std::vector<std::string>{snaps1_ + kSnap2, snaps1_ + kSnap3}), Items(paths));
+
+  Json::Value bad;
+  bad["time"].append("~GMT-2024.03.05-09.30.00");
+  VLIBCSzListRemoveAll(paths);
+  EXPECT_EQ(-1, Utils::ShareSnapListGet("share1", &paths, bad));
+  EXPECT_EQ(1u, FindSyslog(LOG_ERR, "Failed to add selector (~GMT-2024.03.05-09.30.00)").size());
+  EXPECT_EQ(-1, Utils::ShareSnapListGet("no-such-share", &paths, all));
+  EXPECT_EQ(1u, FindSyslog(LOG_ERR, "VELAShareGet failed. share (no-such-share)").size());
+  VLIBCSzListFree(paths);
+}
+
+}  // namespace
+}  // namespace VelaBtrfsUsage

@@ -1,0 +1,59 @@
+// vela-btrfs-double: stands in for the btrfs tool in tests.
+//
+// It appends its argument vector (one argument per line, then an empty
+// line) to $VELA_BTRFS_DOUBLE_ARGS when that is set, then plays the script
+// file $VELA_BTRFS_DOUBLE_SCRIPT line by line: every line is printed to
+// standard output and flushed, except these directives:
+//   @sleep MS       pause for MS milliseconds
+//   @stderr TEXT    print TEXT on standard error
+//   @pidfile PATH   write the own process ID to PATH
+//   @exit N         exit with status N
+//   @subvols B      for the k-th root ID given after "-r MOUNT" (k from 0),
+//                   print "subvol(ID) B*(k+1) bytes"
+// Without a script it prints nothing and exits 0. A reader that goes away
+// ends it (SIGPIPE), as it would end the real tool.
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <thread>
+
+int main(int argc, char** argv) {
+  signal(SIGPIPE, SIG_DFL);
+  if (const char* record = getenv("VELA_BTRFS_DOUBLE_ARGS")) {
+    std::ofstream out(record, std::ios::app);
+    for (int i = 0; i < argc; ++i) out << argv[i] << "\n";
+    out << "\n";
+  }
+  const char* scriptPath = getenv("VELA_BTRFS_DOUBLE_SCRIPT");
+  if (scriptPath == nullptr) return 0;
+  std::ifstream script(scriptPath);
+  std::string line;
+  while (std::getline(script, line)) {
+    if (line.rfind("@sleep ", 0) == 0) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(atoi(line.c_str() + 7)));
+    } else if (line.rfind("@stderr ", 0) == 0) {
+      fprintf(stderr, "%s\n", line.c_str() + 8);
+    } else if (line.rfind("@pidfile ", 0) == 0) {
+      std::ofstream(line.substr(9)) << getpid() << "\n";
+    } else if (line.rfind("@exit ", 0) == 0) {
+      return atoi(line.c_str() + 6);
+    } else if (line.rfind("@subvols ", 0) == 0) {
+      const unsigned long long bytes = strtoull(line.c_str() + 9, nullptr, 10);
+      int first = 1;
+      while (first < argc && std::string(argv[first]) != "-r") ++first;
+      for (int i = first + 2; i < argc; ++i) {
+        printf("subvol(%s) %llu bytes\n", argv[i], bytes * static_cast<unsigned long long>(i - first - 1));
+      }
+      fflush(stdout);
+    } else {
+      printf("%s\n", line.c_str());
+      fflush(stdout);
+    }
+  }
+  return 0;
+}
