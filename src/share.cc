@@ -2,10 +2,18 @@
 
 #include <json/json.h>
 
+#include <syslog.h>
+
 #include <string>
+#include <vector>
 
 #include "privileged_section.h"
+#include "vela/vlib_error.h"
+#include "vela/vlib_szlist.h"
 #include "velabtrfssnapusage/reminder.h"
+#include "velabtrfssnapusage/share_snap_usage_cal.h"
+#include "velabtrfssnapusage/share_task_status.h"
+#include "velabtrfssnapusage/time_string.h"
 #include "webapi_utils.h"
 
 namespace VelaBtrfsUsageWebAPI {
@@ -13,63 +21,296 @@ namespace VelaBtrfsUsageWebAPI {
 namespace {
 
 constexpr char kApiName[] = "VELA.Snap.Usage.Share";
+constexpr char kLogSource[] = "share";
 
 // Answer codes of this module.
 constexpr int kErrorFailure = 1;
 constexpr int kErrorBadParameter = 3;
+constexpr int kErrorNoSnapshotInRange = 5001;
+constexpr int kErrorShareBusy = 5002;
 
 using Request = VELA::APIRequest;
+
+// Frees a string list on every way out, whatever the variable holds then
+// (a push may move the list).
+struct ListGuard {
+  PVLIBSZLIST& list;
+  ~ListGuard() { VLIBCSzListFree(list); }
+};
 
 VELA::APIParameter<std::string> FetchShareName(const Request& request) {
   return request.GetAndCheckString("share_name", Request::PARAM_REQUIRED, Utils::IsNotEmpty);
 }
 
+// A share name is also refused when it could reach outside the state
+// directories: it becomes part of file paths written as root.
 bool ShareNameInvalid(const VELA::APIParameter<std::string>& shareName) {
-  return shareName.IsInvalid() || shareName.Get().empty();
+  return shareName.IsInvalid() || shareName.Get().empty() ||
+         !VelaBtrfsUsage::IsShareNameSafe(shareName.Get());
+}
+
+// Range bounds are numbers of seconds; anything else is a bad parameter.
+bool ReadTime(const Json::Value& value, long& t) {
+  if (value.isInt64()) {
+    t = static_cast<long>(value.asInt64());
+    return true;
+  }
+  if (value.isDouble() && value.asDouble() >= -9.2e18 && value.asDouble() <= 9.2e18) {
+    t = static_cast<long>(value.asDouble());
+    return true;
+  }
+  return false;
+}
+
+// The attribute as seconds, when it can be read; false (and a failure
+// answer) when it exists but does not convert.
+bool AddTime(VelaBtrfsUsage::ShareTaskStatus& status, TASKSTATUS_ATTR attr, const char* key,
+             Json::Value& report) {
+  std::string text;
+  if (status.GetStatusAttr(attr, text) != 0) return true;
+  long t = 0;
+  if (!VelaBtrfsUsage::Utils::TimeStringToTime_T(text, t)) return false;
+  report[key] = static_cast<Json::Int64>(t);
+  return true;
+}
+
+// The report of one share: 0 with the answer set, or the code to answer.
+int BuildReport(const std::string& name, PVLIBSZLIST* names, VELA::APIResponse* response) {
+  using VelaBtrfsUsage::ShareSnapUsageCal;
+  VelaBtrfsUsage::ShareTaskStatus status;
+  if (!status.Init(name, false)) return kErrorFailure;
+  Json::Value report;
+  std::string text;
+  if (status.GetStatusAttr(TASKSTATUS_ATTR_STATUS, text) == 0) report["status"] = text;
+  if (!AddTime(status, TASKSTATUS_ATTR_START_TIME, "start_task", report) ||
+      !AddTime(status, TASKSTATUS_ATTR_END_TIME, "end_task", report) ||
+      !AddTime(status, TASKSTATUS_ATTR_RANGE_START, "range_start", report) ||
+      !AddTime(status, TASKSTATUS_ATTR_RANGE_END, "range_end", report)) {
+    return kErrorFailure;
+  }
+  if (status.GetStatusAttr(TASKSTATUS_ATTR_PROCESSED_IN_BYTES, text) == 0) {
+    report["processed_in_bytes"] = static_cast<Json::UInt64>(std::stoull(text, nullptr, 0));
+  }
+  if (status.GetStatusAttr(TASKSTATUS_ATTR_ESTIMATED_IN_BYTES, text) == 0) {
+    report["estimated_in_bytes"] = static_cast<Json::UInt64>(std::stoull(text, nullptr, 0));
+  }
+  std::vector<unsigned long long> usage;
+  std::vector<unsigned long long> ids;
+  int code = ShareSnapUsageCal::GetShareSnapAccumUsageVtr(name, usage);
+  if (code != 0) return code;
+  code = ShareSnapUsageCal::GetResultVtr(TASK_RESULT_OPT_SUBVOL_ID, name, ids);
+  if (code != 0) return code;
+  code = ShareSnapUsageCal::FindSnapNameBySubvolID(name, ids, names);
+  if (code != 0) return code;
+  // The two result files are written by one run; vectors of different
+  // lengths mean a damaged file, never a row without its numbers.
+  if (usage.size() != ids.size() || (*names)->nItem != static_cast<int>(ids.size())) return kErrorFailure;
+  Json::Value snapList(Json::arrayValue);
+  for (size_t i = 0; i < ids.size(); ++i) {
+    Json::Value row;
+    row["subvol_id"] = static_cast<Json::UInt64>(ids[i]);
+    row["time"] = VLIBCSzListGet(*names, static_cast<int>(i));
+    row["accum_usage"] = static_cast<Json::UInt64>(usage[i]);
+    snapList.append(row);
+  }
+  report["snap_list"] = snapList;
+  response->SetSuccess(report);
+  return 0;
 }
 
 }  // namespace
 
 void Share::Start(VELA::APIRequest* request, VELA::APIResponse* response) {
+  VelaBtrfsUsage::ShareSnapUsageCal manager;
   const auto shareName = FetchShareName(*request);
   const auto range = request->GetAndCheckObject("range", Request::PARAM_REQUIRED, nullptr);
+  long start = 0;
+  long end = 0;
   if (ShareNameInvalid(shareName) || range.IsInvalid() || !range.Get().isMember("range_start") ||
-      !range.Get().isMember("range_end")) {
+      !range.Get().isMember("range_end") || !ReadTime(range.Get()["range_start"], start) ||
+      !ReadTime(range.Get()["range_end"], end)) {
     response->SetError(kErrorBadParameter, Json::Value());
     return;
   }
-  // The calculation is not available in this build yet.
-  response->SetError(kErrorFailure, Json::Value());
+  int result = 0;
+  {
+    PrivilegedSection elevated;
+    result = manager.CreateTask(shareName.Get());
+  }
+  if (result == 0) {
+    PrivilegedSection elevated;
+    result = manager.Launch(&start, &end);
+  }
+  if (result == 0) {
+    response->SetSuccess(Json::Value());
+    return;
+  }
+  // The two outcomes a user meets: nothing to calculate, or already busy.
+  if (result == VelaBtrfsUsage::SHARE_CAL_NO_SNAPSHOT) {
+    result = kErrorNoSnapshotInRange;
+  } else if (result == VelaBtrfsUsage::SHARE_CAL_BUSY) {
+    result = kErrorShareBusy;
+  }
+  response->SetError(result, Json::Value());
 }
 
 void Share::Status(VELA::APIRequest* request, VELA::APIResponse* response) {
   // "additional" is never tested: absent, it simply asks for nothing more.
-  (void)request->GetAndCheckArray("additional", Request::PARAM_REQUIRED, nullptr);
-  response->SetError(kErrorFailure, Json::Value());
+  const auto additional = request->GetAndCheckArray("additional", Request::PARAM_REQUIRED, nullptr);
+  VelaBtrfsUsage::ShareTaskStatus status;
+  PVLIBSZLIST shares = VLIBCSzListAlloc(1024);
+  if (shares == nullptr) {
+    syslog(LOG_ERR, "%s:%d VLIBCSzListAlloc failed. [0x%04X %s:%d]", kLogSource, __LINE__, VLIBCErrGet(),
+           VLIBCErrorGetFile(), VLIBCErrorGetLine());
+    response->SetError(kErrorFailure, Json::Value());
+    return;
+  }
+  const ListGuard freeShares{shares};
+  BOOL listed = FALSE;
+  {
+    PrivilegedSection elevated;
+    listed = VelaBtrfsUsage::ShareSnapUsageCal::GetShareTaskList(&shares);
+  }
+  if (!listed) {
+    response->SetError(kErrorFailure, Json::Value());
+    return;
+  }
+  Json::Value shareList(Json::arrayValue);
+  for (int i = 0; i < shares->nItem; ++i) {
+    const std::string name = VLIBCSzListGet(shares, i);
+    Json::Value element;
+    CAL_TASK_STATUS state;
+    int got = 0;
+    {
+      PrivilegedSection elevated;
+      status.Init(name, false);
+    }
+    {
+      PrivilegedSection elevated;
+      got = status.GetCalculatorStatus(state);
+    }
+    if (got != 0) {
+      syslog(LOG_DEBUG, "%s:%d Failed to get calculator status for share [%s]", kLogSource, __LINE__,
+             name.c_str());
+      continue;
+    }
+    // Only running and finished calculations are shown.
+    if (state != CAL_TASK_STATUS_PROCESS && state != CAL_TASK_STATUS_DONE) continue;
+    std::string stateText;
+    {
+      PrivilegedSection elevated;
+      got = status.GetStatusAttr(TASKSTATUS_ATTR_STATUS, stateText);
+    }
+    if (got != 0) {
+      response->SetSuccess(Json::Value());  // the request ends with nothing in it
+      return;
+    }
+    element["share_name"] = name;
+    element["status"] = stateText;
+    bool haveProcessed = false;
+    bool haveEstimated = false;
+    unsigned long long processed = 0;
+    unsigned long long estimated = 0;
+    for (const Json::Value& wanted : additional.Get()) {
+      TASKSTATUS_ATTR attr;
+      if (!wanted.isString() ||
+          VelaBtrfsUsage::TaskStatus::CnvAttrsStrToEnumIdx(wanted.asString(), attr) != 0) {
+        continue;
+      }
+      std::string text;
+      {
+        PrivilegedSection elevated;
+        got = status.GetStatusAttr(attr, text);
+      }
+      if (got != 0) continue;
+      switch (attr) {
+        case TASKSTATUS_ATTR_PROCESSED_IN_BYTES:
+          processed = std::stoull(text, nullptr, 0);
+          haveProcessed = true;
+          element["processed_in_bytes"] = static_cast<Json::UInt64>(processed);
+          break;
+        case TASKSTATUS_ATTR_ESTIMATED_IN_BYTES:
+          estimated = std::stoull(text, nullptr, 0);
+          haveEstimated = true;
+          element["estimated_in_bytes"] = static_cast<Json::UInt64>(estimated);
+          break;
+        case TASKSTATUS_ATTR_RANGE_START:
+        case TASKSTATUS_ATTR_RANGE_END: {
+          long t = 0;
+          if (!VelaBtrfsUsage::Utils::TimeStringToTime_T(text, t)) {
+            response->SetSuccess(Json::Value());  // the request ends with nothing in it
+            return;
+          }
+          element[attr == TASKSTATUS_ATTR_RANGE_START ? "range_start" : "range_end"] =
+              static_cast<Json::Int64>(t);
+          break;
+        }
+        default:
+          syslog(LOG_ERR, "%s:%d unknow status idx: %d", kLogSource, __LINE__, static_cast<int>(attr));
+          break;
+      }
+    }
+    // A progress bar never shows less than the estimate once both are known.
+    if (haveProcessed && haveEstimated && processed < estimated) {
+      element["processed_in_bytes"] = static_cast<Json::UInt64>(estimated);
+    }
+    shareList.append(element);
+  }
+  Json::Value result;
+  result["share_list"] = shareList;
+  response->SetSuccess(result);
 }
 
 void Share::GetReport(VELA::APIRequest* request, VELA::APIResponse* response) {
-  if (ShareNameInvalid(FetchShareName(*request))) {
+  const auto shareName = FetchShareName(*request);
+  if (ShareNameInvalid(shareName)) {
     response->SetError(kErrorBadParameter, Json::Value());
     return;
   }
-  response->SetError(kErrorFailure, Json::Value());
+  const std::string& name = shareName.Get();
+  PVLIBSZLIST names = VLIBCSzListAlloc(1024);
+  if (names == nullptr) {
+    syslog(LOG_ERR, "%s:%d VLIBCSzListAlloc failed. [0x%04X %s:%d]", kLogSource, __LINE__, VLIBCErrGet(),
+           VLIBCErrorGetFile(), VLIBCErrorGetLine());
+    response->SetError(kErrorFailure, Json::Value());
+    return;
+  }
+  const ListGuard freeNames{names};
+  // Runs with the ids the server gave the request: no privileged section.
+  const int code = BuildReport(name, &names, response);
+  if (code != 0) response->SetError(code, Json::Value());
 }
 
 void Share::Cancel(VELA::APIRequest* request, VELA::APIResponse* response) {
-  if (ShareNameInvalid(FetchShareName(*request))) {
+  const auto shareName = FetchShareName(*request);
+  if (ShareNameInvalid(shareName)) {
     response->SetError(kErrorBadParameter, Json::Value());
     return;
   }
-  response->SetError(kErrorFailure, Json::Value());
+  int result = 0;
+  {
+    PrivilegedSection elevated;
+    result = VelaBtrfsUsage::ShareSnapUsageCal::Stop(shareName.Get());
+  }
+  if (result == 0) {
+    response->SetSuccess(Json::Value());
+  } else {
+    response->SetError(result, Json::Value());
+  }
 }
 
 void Share::Clean(VELA::APIRequest* request, VELA::APIResponse* response) {
-  if (ShareNameInvalid(FetchShareName(*request))) {
+  const auto shareName = FetchShareName(*request);
+  if (ShareNameInvalid(shareName)) {
     response->SetError(kErrorBadParameter, Json::Value());
     return;
   }
-  response->SetError(kErrorFailure, Json::Value());
+  {
+    PrivilegedSection elevated;
+    VelaBtrfsUsage::ShareSnapUsageCal::CleanAll(shareName.Get());
+  }
+  // A clean-up is answered as done whatever it met on the way.
+  response->SetSuccess(Json::Value());
 }
 
 void Share::GetConf(VELA::APIRequest* request, VELA::APIResponse* response) {

@@ -1,0 +1,317 @@
+// start, status, get_report, cancel and clean through the loaded module, on
+// a real loopback btrfs volume, with the btrfs tool's double computing.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <ctime>
+#include <map>
+#include <sstream>
+
+#include "support/btrfs_image.h"
+#include "support/btrfs_tool_double.h"
+#include "support/command.h"
+#include "support/fork_child.h"
+#include "support/module_loader.h"
+#include "support/scratch_dir.h"
+#include "support/syslog_capture.h"
+#include "velabtrfssnapusage/json_file.h"
+#include "velabtrfssnapusage/share_task_status.h"
+#include "velabtrfssnapusage/task_status.h"
+
+namespace vela::test {
+namespace {
+
+constexpr char kMap[] = "/usr/local/velabtrfssnapusage/share_snap_cal_map";
+constexpr long kHour = 3600;
+constexpr long kT0 = 1709629449;  // 2024-03-05 09:04:09 UTC
+
+std::string Compact(const Json::Value& value) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  return Json::writeString(builder, value);
+}
+
+std::string Answer(const VELA::APIResponse& response) {
+  if (!response.IsAnswered()) return "unanswered";
+  if (response.IsSuccess()) return "ok " + Compact(response.GetData());
+  return "error " + std::to_string(response.GetErrorCode());
+}
+
+std::string UtcSnapName(long t) {
+  char name[64];
+  const time_t when = t;
+  struct tm utc;
+  gmtime_r(&when, &utc);
+  strftime(name, sizeof(name), "GMT-%Y.%m.%d-%H.%M.%S", &utc);
+  return name;
+}
+
+std::string StartParams(const std::string& share, long start, long end) {
+  return R"({"share_name":")" + share + R"(","range":{"range_start":)" + std::to_string(start) +
+         R"(,"range_end":)" + std::to_string(end) + "}}";
+}
+
+class ShareMethods : public testing::Test {
+ protected:
+  void SetUp() override {
+    BecomeSubreaper();
+    ClearSyslog();
+    for (const char* share : {"share1", "share2"}) {
+      volume_.CreateSubvolume(share);
+      MustRun({"mkdir", "-p", std::string("/volume1/@snapshots/") + share});
+    }
+    // share1: three snapshots an hour apart; share2: one.
+    for (int i = 0; i < 3; ++i) Snapshot("share1", kT0 + i * kHour);
+    Snapshot("share2", kT0 + kHour);
+    tool_.Script({"exclusive 600 bytes", "processed 300 bytes", "@subvols 100", "processed 600 bytes"});
+  }
+  void TearDown() override {
+    // Every calculation must have ended by itself; nothing may be left.
+    for (int i = 0; i < 500 && HasChildren(); ++i) WaitForExit(-1, 10);
+    EXPECT_FALSE(HasChildren()) << "a calculator process was left behind";
+  }
+
+  void Snapshot(const std::string& share, long t) {
+    volume_.Snapshot("/volume1/" + share, "/volume1/@snapshots/" + share + "/" + UtcSnapName(t));
+  }
+
+  std::string Call(const std::string& method, const std::string& params) {
+    return Answer(module_.Call(method, params));
+  }
+
+  // The share's state and error code, straight from its status record.
+  std::string State(const std::string& share) {
+    VelaBtrfsUsage::ShareTaskStatus status;
+    if (!status.Init(share, false)) return "none";
+    std::string state = "-", code = "-";
+    status.GetStatusAttr(TASKSTATUS_ATTR_STATUS, state);
+    status.GetStatusAttr(TASKSTATUS_ATTR_ERROR_CODE, code);
+    return state + " " + code;
+  }
+
+  // Waits for the share's calculation to leave "ready" and "process".
+  std::string WaitForEnd(const std::string& share) {
+    for (int i = 0; i < 1000; ++i) {
+      const std::string state = State(share);
+      if (state.rfind("ready", 0) != 0 && state.rfind("process", 0) != 0) {
+        WaitForExit(-1, 5000);  // the worker ends right after its last write
+        return state;
+      }
+      usleep(10000);
+    }
+    return "timed out in " + State(share);
+  }
+
+  std::map<std::string, unsigned long long> RootIds() {
+    std::map<std::string, unsigned long long> ids;
+    std::istringstream lines(MustRun({"btrfs", "subvolume", "list", "/volume1"}));
+    std::string w1, w2, w3, w4, w5, w6, w7, path;
+    unsigned long long id;
+    while (lines >> w1 >> id >> w3 >> w4 >> w5 >> w6 >> w7 >> w2 >> path) ids[path] = id;
+    return ids;
+  }
+
+  BtrfsImage volume_{"/volume1"};
+  BtrfsToolDouble tool_;
+  ModuleLoader module_{ModulePath()};
+};
+
+TEST_F(ShareMethods, TheWholeRoadFromStartToClean) {
+  EXPECT_EQ("ok {\"share_list\":[]}", Call("status", R"({"additional":["processed_in_bytes"]})"));
+  EXPECT_EQ("ok null", Call("start", StartParams("share1", kT0 - 60, kT0 + 2 * kHour + 60)));
+  EXPECT_EQ("done 0", WaitForEnd("share1"));
+
+  const auto ids = RootIds();
+  const std::string snaps = "@snapshots/share1/";
+  std::ostringstream expected;
+  expected << "ok {\"share_list\":[{\"estimated_in_bytes\":600,\"processed_in_bytes\":600,"
+           << "\"range_end\":" << kT0 + 2 * kHour + 60 << ",\"range_start\":" << kT0 - 60
+           << ",\"share_name\":\"share1\",\"status\":\"done\"}]}";
+  EXPECT_EQ(expected.str(), Call("status", R"({"additional":["processed_in_bytes","estimated_in_bytes",
+                                                "range_start","range_end","pid","bogus"]})"));
+  EXPECT_EQ(1u, FindSyslog(LOG_ERR, "unknow status idx: 3").size());
+
+  const auto report = module_.Call("get_report", R"({"share_name":"share1"})");
+  ASSERT_TRUE(report.IsSuccess()) << Answer(report);
+  const Json::Value& data = report.GetData();
+  EXPECT_EQ("done", data["status"].asString());
+  EXPECT_EQ(kT0 - 60, data["range_start"].asInt64());
+  EXPECT_LE(data["start_task"].asInt64(), data["end_task"].asInt64());
+  ASSERT_EQ(3u, data["snap_list"].size());
+  for (int i = 0; i < 3; ++i) {
+    const std::string name = UtcSnapName(kT0 + i * kHour);
+    EXPECT_EQ(name, data["snap_list"][i]["time"].asString());
+    EXPECT_EQ(ids.at(snaps + name), data["snap_list"][i]["subvol_id"].asUInt64());
+    EXPECT_EQ(100u * (i + 1) * (i + 2) / 2, data["snap_list"][i]["accum_usage"].asUInt64())
+        << "the running sum of 100, 200, 300";
+  }
+  // The tool saw exactly share1's snapshots, oldest first, by root ID.
+  const auto runs = tool_.Runs();
+  ASSERT_EQ(1u, runs.size());
+  EXPECT_EQ((std::vector<std::string>{BtrfsToolDouble::ToolPath(), "subvolume", "size", "-vpm", "-r", "/volume1",
+                                      std::to_string(ids.at(snaps + UtcSnapName(kT0))),
+                                      std::to_string(ids.at(snaps + UtcSnapName(kT0 + kHour))),
+                                      std::to_string(ids.at(snaps + UtcSnapName(kT0 + 2 * kHour)))}),
+            runs[0]);
+
+  EXPECT_EQ("ok null", Call("clean", R"({"share_name":"share1"})"));
+  EXPECT_EQ("ok {\"share_list\":[]}", Call("status", "{}"));
+  EXPECT_NE("ok", Call("get_report", R"({"share_name":"share1"})").substr(0, 2));
+  struct stat st;
+  EXPECT_NE(0, stat("/usr/local/velabtrfssnapusage/share_task_result/share1", &st));
+  EXPECT_NE(0, stat("/usr/local/velabtrfssnapusage/share_task_status/share1", &st));
+}
+
+TEST_F(ShareMethods, RangesSelectSnapshotsAndAnEmptyRangeFailsTheShare) {
+  // Equal bounds mean no range: every snapshot.
+  EXPECT_EQ("ok null", Call("start", StartParams("share1", 5, 5)));
+  EXPECT_EQ("done 0", WaitForEnd("share1"));
+  EXPECT_EQ(9u, tool_.Runs().at(0).size());
+  // One snapshot in range; share2's snapshot at the same time stays out.
+  EXPECT_EQ("ok null", Call("start", StartParams("share1", kT0 + kHour - 1, kT0 + kHour + 1)));
+  EXPECT_EQ("done 0", WaitForEnd("share1"));
+  const auto ids = RootIds();
+  EXPECT_EQ(std::to_string(ids.at("@snapshots/share1/" + UtcSnapName(kT0 + kHour))), tool_.Runs().at(1).back());
+  EXPECT_EQ(7u, tool_.Runs().at(1).size());
+
+  EXPECT_EQ("error 5001", Call("start", StartParams("share1", kT0 + 10, kT0 + 20)));
+  EXPECT_EQ("fail 15", State("share1"));
+  EXPECT_EQ("error 3", Call("start", StartParams("share1", kT0 + 20, kT0 + 10)));
+  EXPECT_EQ("error 3", Call("start", R"({"share_name":"share1","range":{"range_start":"x","range_end":1}})"));
+  EXPECT_EQ(2u, tool_.Runs().size());
+}
+
+TEST_F(ShareMethods, TenSimultaneousStartsOfOneShareLetExactlyOneThrough) {
+  tool_.Script({"exclusive 600 bytes", "@sleep 300", "@subvols 100", "processed 600 bytes"});
+  int go[2];
+  ASSERT_EQ(0, pipe(go));
+  ScratchDir dir;
+  std::vector<std::unique_ptr<ChildProcess>> starters;
+  for (int i = 0; i < 10; ++i) {
+    starters.push_back(std::make_unique<ChildProcess>([&, i] {
+      char c;
+      if (read(go[0], &c, 1) != 1) _exit(2);
+      WriteFile(dir / std::to_string(i), Call("start", StartParams("share1", 1, 1)));
+    }));
+  }
+  ASSERT_EQ(10, write(go[1], "gggggggggg", 10));
+  std::map<std::string, int> answers;
+  for (int i = 0; i < 10; ++i) {
+    starters[i]->Wait();
+    ++answers[ReadFile(dir / std::to_string(i))];
+  }
+  EXPECT_EQ((std::map<std::string, int>{{"error 5002", 9}, {"ok null", 1}}), answers);
+  EXPECT_EQ("done 0", WaitForEnd("share1"));
+  EXPECT_EQ(1u, tool_.Runs().size());
+}
+
+TEST_F(ShareMethods, DifferentSharesRunSideBySideWhileReadersAlwaysGetWholeAnswers) {
+  tool_.Script({"exclusive 600 bytes", "processed 100 bytes", "@sleep 400", "@subvols 100",
+                "processed 600 bytes"});
+  ScratchDir dir;
+  // Readers poll from other processes while both runs go on.
+  std::vector<std::unique_ptr<ChildProcess>> readers;
+  for (int r = 0; r < 2; ++r) {
+    readers.push_back(std::make_unique<ChildProcess>([&, r] {
+      std::string bad;
+      for (int i = 0; i < 200 && bad.empty(); ++i) {
+        const auto status = module_.Call("status", R"({"additional":["processed_in_bytes","estimated_in_bytes"]})");
+        if (!status.IsSuccess() || !status.GetData()["share_list"].isArray()) bad = "status: " + Answer(status);
+        for (const auto& share : status.GetData()["share_list"]) {
+          if (share["status"] != "process" && share["status"] != "done") bad = "state " + Compact(share);
+        }
+        const auto report = module_.Call("get_report", R"({"share_name":"share2"})");
+        if (report.IsSuccess() && report.GetData()["snap_list"].size() != 1) bad = "report " + Answer(report);
+        if (!report.IsSuccess() && report.GetErrorCode() != 1 && report.GetErrorCode() != 8) {
+          bad = "report " + Answer(report);
+        }
+        usleep(5000);
+      }
+      WriteFile(dir / std::to_string(r), bad);
+    }));
+  }
+  EXPECT_EQ("ok null", Call("start", StartParams("share1", 1, 1)));
+  EXPECT_EQ("ok null", Call("start", StartParams("share2", 1, 1)));
+  EXPECT_EQ("done 0", WaitForEnd("share1"));
+  EXPECT_EQ("done 0", WaitForEnd("share2"));
+  for (int r = 0; r < 2; ++r) {
+    EXPECT_EQ(0, readers[r]->Wait());
+    EXPECT_EQ("", ReadFile(dir / std::to_string(r)));
+  }
+}
+
+TEST_F(ShareMethods, CancelStopsARunningCalculationAndANewStartIsAccepted) {
+  std::vector<std::string> slow = {"exclusive 100000 bytes"};
+  for (int i = 1; i <= 50; ++i) {
+    slow.push_back("processed " + std::to_string(i * 1000) + " bytes");
+    slow.push_back("@sleep 200");
+  }
+  tool_.Script(slow);
+  EXPECT_EQ("error 8", Call("cancel", R"({"share_name":"share1"})"));
+  EXPECT_EQ("ok null", Call("start", StartParams("share1", 1, 1)));
+  for (int i = 0; i < 500 && State("share1").rfind("process", 0) != 0; ++i) usleep(10000);
+  EXPECT_EQ("ok null", RunForked([&] { return Call("cancel", R"({"share_name":"share1"})"); }));
+  EXPECT_EQ("stop 12", WaitForEnd("share1"));
+  EXPECT_EQ("ok {\"share_list\":[]}", Call("status", "{}")) << "a stopped share is not listed";
+
+  tool_.Script({"@subvols 1"});
+  EXPECT_EQ("ok null", Call("start", StartParams("share1", 1, 1)));
+  EXPECT_EQ("done 0", WaitForEnd("share1"));
+}
+
+TEST_F(ShareMethods, AStaleRunningTaskBlocksStartsOnlyForTwoMinutes) {
+  EXPECT_EQ("ok null", Call("start", StartParams("share1", 1, 1)));
+  EXPECT_EQ("done 0", WaitForEnd("share1"));
+  // A task recorded as running whose child is gone (a crash, a restart).
+  Json::Value map = VelaBtrfsUsage::Utils::GetJsonAttrByPath(kMap);
+  const std::string oldTask = "stale-task";
+  map["share1"]["task_id"] = oldTask;
+  map["share1"]["time"] = static_cast<Json::Int64>(time(nullptr) - 30);
+  ASSERT_TRUE(VelaBtrfsUsage::Utils::JsonToFile(map, kMap));
+  VelaBtrfsUsage::TaskStatus task;
+  ASSERT_TRUE(task.Init(oldTask, true));
+  VelaBtrfsUsage::ShareTaskStatus share;
+  ASSERT_TRUE(share.Init("share1", false));
+  ASSERT_EQ(0, share.SetCalculatorStatus(CAL_TASK_STATUS_PROCESS));
+
+  EXPECT_EQ("error 5002", Call("start", StartParams("share1", 1, 1)));
+  map["share1"]["time"] = static_cast<Json::Int64>(time(nullptr) - 119);
+  ASSERT_TRUE(VelaBtrfsUsage::Utils::JsonToFile(map, kMap));
+  EXPECT_EQ("error 5002", Call("start", StartParams("share1", 1, 1)));
+  map["share1"]["time"] = static_cast<Json::Int64>(time(nullptr) - 120);
+  ASSERT_TRUE(VelaBtrfsUsage::Utils::JsonToFile(map, kMap));
+  EXPECT_EQ("ok null", Call("start", StartParams("share1", 1, 1)));
+  EXPECT_FALSE(VelaBtrfsUsage::TaskStatus::CheckFile(oldTask)) << "the stale task's status file goes";
+  EXPECT_EQ("done 0", WaitForEnd("share1"));
+}
+
+TEST_F(ShareMethods, CleanAlwaysSucceedsAndLeavesSharesWithoutAnEntryAlone) {
+  MustRun({"mkdir", "-p", "/usr/local/velabtrfssnapusage/share_task_result/share2"});
+  WriteFile("/usr/local/velabtrfssnapusage/share_task_result/share2/keep", "x");
+  EXPECT_EQ("ok null", Call("clean", R"({"share_name":"share2"})"));
+  EXPECT_EQ("x", ReadFile("/usr/local/velabtrfssnapusage/share_task_result/share2/keep"));
+  EXPECT_EQ("ok null", Call("clean", R"({"share_name":"no-such-share"})"));
+}
+
+TEST_F(ShareMethods, PathLikeShareNamesAreRefusedEverywhereAndCreateNothing) {
+  for (const char* method : {"start", "get_report", "cancel", "clean"}) {
+    for (const char* name : {R"("../share1")", R"("a/b")", R"(".")", R"("..")", R"("share1\u0000x")", R"("")",
+                             "7", "null"}) {
+      const std::string params = std::string(R"({"range":{"range_start":1,"range_end":1},"share_name":)") +
+                                 name + "}";
+      EXPECT_EQ("error 3", Call(method, params)) << method << " " << name;
+    }
+  }
+  struct stat st;
+  for (const char* dir : {"/run/velabtrfssnapusage", "/run/lock/velabtrfssnapusage",
+                          "/usr/local/velabtrfssnapusage"}) {
+    EXPECT_NE(0, stat(dir, &st)) << dir;
+  }
+  EXPECT_TRUE(tool_.Runs().empty());
+}
+
+}  // namespace
+}  // namespace vela::test
