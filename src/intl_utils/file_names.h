@@ -57,6 +57,11 @@ inline std::string TaskResultBase(const std::string& taskID) {
 inline std::string TaskResultLockBase(const std::string& taskID) {
   return VELA_TASK_RESULT_LOCK_DIR "/" + taskID;
 }
+// Suffix of a result vector file: ".result" (bytes, selector 1) or
+// ".subvol_id" (root IDs, selector 2); null for any other selector.
+inline const char* TaskResultSuffix(int opt) {
+  return opt == 1 ? ".result" : opt == 2 ? ".subvol_id" : nullptr;
+}
 // The share's persistent copy of its last results.
 inline std::string ShareResultDir(const std::string& shareName) {
   return VELA_SHARE_TASK_RESULT_DIR "/" + shareName;

@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <memory>
 
+#include "intl_utils/fd_io.h"
 #include "intl_utils/file_names.h"
 #include "intl_utils/log.h"
 #include "intl_utils/make_dirs.h"
@@ -27,19 +27,6 @@ struct flock WholeFile(short type) {
   record.l_len = 0;  // the whole file, however large it grows
   record.l_pid = getpid();
   return record;
-}
-
-bool WriteAll(int fd, const std::string& text) {
-  size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t n = write(fd, text.data() + done, text.size() - done);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    done += static_cast<size_t>(n);
-  }
-  return true;
 }
 
 std::string Serialize(const Json::Value& doc) {
@@ -117,7 +104,8 @@ bool JsonToFile(const Json::Value& doc, const std::string& path) {
 
   // The data reaches the disk before the rename, so that a power cut leaves
   // either the old record or the new one, never an empty file.
-  bool ok = WriteAll(fd, Serialize(doc)) && fsync(fd) == 0;
+  const std::string text = Serialize(doc);
+  bool ok = WriteAll(fd, text.data(), text.size()) && fsync(fd) == 0;
   if (ok && targetExists) {
     if (fchown(fd, target.st_uid, target.st_gid) != 0) {
       VELA_LOG(LOG_DEBUG, "Failed to chown, path(%s), owner(%u), group(%u), errno(%d)", temp.c_str(),

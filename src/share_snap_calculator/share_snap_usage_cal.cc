@@ -123,50 +123,45 @@ bool ParseRootId(const Json::Value& value, unsigned long long& id) {
   return errno == 0;
 }
 
-int RecordTask(const std::string& shareName, const std::string& taskID) {
+// One locked read-modify-write of the share's map entry.
+template <typename Change>
+int UpdateEntry(const std::string& shareName, Change change) {
   if (shareName.empty()) {
     VELA_INVALID_ARGUMENT("!shareName.empty()");
     return SHARE_CAL_INVALID_ARGUMENT;
   }
-  const time_t now = time(nullptr);
-  if (now == static_cast<time_t>(-1)) return SHARE_CAL_FAIL;
   MapWriteLock lock;
   if (!lock.Locked()) return SHARE_CAL_FAIL;
   Json::Value map = ReadMap();
-  Json::Value& entry = WritableEntry(map, shareName);
-  entry[kTaskId] = taskID;
-  entry[kTime] = static_cast<Json::Int64>(now);
-  entry[kSnapList] = Json::Value();
+  change(WritableEntry(map, shareName));
   return Utils::SetJsonAttrByPath(kMapFile, map) ? SHARE_CAL_SUCCESS : SHARE_CAL_FAIL;
+}
+
+// A new task for the share: its ID, when it was recorded, no snapshots yet.
+int RecordTask(const std::string& shareName, const std::string& taskID) {
+  const time_t now = time(nullptr);
+  if (!shareName.empty() && now == static_cast<time_t>(-1)) return SHARE_CAL_FAIL;
+  return UpdateEntry(shareName, [&](Json::Value& entry) {
+    entry[kTaskId] = taskID;
+    entry[kTime] = static_cast<Json::Int64>(now);
+    entry[kSnapList] = Json::Value();
+  });
 }
 
 int RecordVolume(const std::string& shareName, int volume) {
-  if (shareName.empty()) {
-    VELA_INVALID_ARGUMENT("!shareName.empty()");
-    return SHARE_CAL_INVALID_ARGUMENT;
-  }
-  MapWriteLock lock;
-  if (!lock.Locked()) return SHARE_CAL_FAIL;
-  Json::Value map = ReadMap();
-  WritableEntry(map, shareName)[kVolumeId] = volume;
-  return Utils::SetJsonAttrByPath(kMapFile, map) ? SHARE_CAL_SUCCESS : SHARE_CAL_FAIL;
+  return UpdateEntry(shareName, [&](Json::Value& entry) { entry[kVolumeId] = volume; });
 }
 
+// The launch's snapshots by name, with their root IDs as decimal text.
 int RecordSnapList(const std::string& shareName, PVLIBSZLIST paths, PVLIBSZLIST rootIDs) {
-  if (shareName.empty()) {
-    VELA_INVALID_ARGUMENT("!shareName.empty()");
-    return SHARE_CAL_INVALID_ARGUMENT;
-  }
-  MapWriteLock lock;
-  if (!lock.Locked()) return SHARE_CAL_FAIL;
-  Json::Value map = ReadMap();
-  Json::Value& snapList = WritableEntry(map, shareName)[kSnapList];
-  if (!snapList.isObject()) snapList = Json::Value(Json::objectValue);
-  for (int i = 0; i < paths->nItem && i < rootIDs->nItem; ++i) {
-    std::string path = VLIBCSzListGet(paths, i);
-    snapList[basename(path.data())] = VLIBCSzListGet(rootIDs, i);
-  }
-  return Utils::SetJsonAttrByPath(kMapFile, map) ? SHARE_CAL_SUCCESS : SHARE_CAL_FAIL;
+  return UpdateEntry(shareName, [&](Json::Value& entry) {
+    Json::Value& snapList = entry[kSnapList];
+    if (!snapList.isObject()) snapList = Json::Value(Json::objectValue);
+    for (int i = 0; i < paths->nItem && i < rootIDs->nItem; ++i) {
+      std::string path = VLIBCSzListGet(paths, i);
+      snapList[basename(path.data())] = VLIBCSzListGet(rootIDs, i);
+    }
+  });
 }
 
 // Removes the share's entry, and with it the entries of shares that no
@@ -577,8 +572,8 @@ int ShareSnapUsageCal::GetResultVtr(TASK_RESULT_OPT opt, const std::string& name
   bool expired = false;
   const int found = FindTaskID(name, taskID, expired);
   if (found != SHARE_CAL_SUCCESS) return found;
-  const char* suffix = opt == TASK_RESULT_OPT_RESULT ? ".result" : opt == TASK_RESULT_OPT_SUBVOL_ID ? ".subvol_id" : "";
-  const std::string path = GetResultBasePath(name) + "/" + taskID + suffix;
+  const char* suffix = FileNames::TaskResultSuffix(opt);
+  const std::string path = GetResultBasePath(name) + "/" + taskID + (suffix != nullptr ? suffix : "");
   // The share's copy once the run has finished; until then the task's own.
   if (VLIBCFileExist(path.c_str()) == 1) return TaskResult::ReadVtr(path, out);
   return TaskResult::GetResultVtr(opt, taskID, out);

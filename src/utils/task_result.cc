@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "intl_utils/fd_io.h"
 #include "intl_utils/file_names.h"
 #include "intl_utils/log.h"
 #include "intl_utils/make_dirs.h"
@@ -20,47 +21,6 @@ namespace VelaBtrfsUsage {
 namespace {
 
 constexpr char kLogSource[] = "utils/task_result";
-
-const char* Suffix(TASK_RESULT_OPT opt) {
-  switch (opt) {
-    case TASK_RESULT_OPT_RESULT:
-      return ".result";
-    case TASK_RESULT_OPT_SUBVOL_ID:
-      return ".subvol_id";
-  }
-  return nullptr;
-}
-
-bool WriteAll(int fd, const void* data, size_t size) {
-  const char* bytes = static_cast<const char*>(data);
-  while (size > 0) {
-    const ssize_t n = write(fd, bytes, size);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    bytes += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
-// Reads up to `size` bytes; the count read.
-size_t ReadAll(int fd, void* data, size_t size, bool& failed) {
-  char* bytes = static_cast<char*>(data);
-  size_t done = 0;
-  while (done < size) {
-    const ssize_t n = read(fd, bytes + done, size - done);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      failed = true;
-      break;
-    }
-    if (n == 0) break;
-    done += static_cast<size_t>(n);
-  }
-  return done;
-}
 
 }  // namespace
 
@@ -112,7 +72,7 @@ int TaskResult::WriteVtr(const std::string& filePath, const std::vector<T>& v) {
     return TASK_RESULT_FAIL;
   }
   const uint64_t count = v.size();
-  bool ok = WriteAll(fd, &count, sizeof(count)) && WriteAll(fd, v.data(), v.size() * sizeof(T)) &&
+  bool ok = Utils::WriteAll(fd, &count, sizeof(count)) && Utils::WriteAll(fd, v.data(), v.size() * sizeof(T)) &&
             fchmod(fd, 0644) == 0 && fsync(fd) == 0;
   if (close(fd) != 0) ok = false;
   if (ok && rename(temp.c_str(), filePath.c_str()) == 0) return TASK_RESULT_SUCCESS;
@@ -136,7 +96,7 @@ int TaskResult::ReadVtr(const std::string& filePath, std::vector<T>& v) {
   bool failed = false;
   uint64_t count = 0;
   // Fewer than 8 bytes: nothing could be read, an empty vector.
-  if (ReadAll(fd, &count, sizeof(count), failed) != sizeof(count)) count = 0;
+  if (Utils::ReadAll(fd, &count, sizeof(count), failed) != sizeof(count)) count = 0;
   struct stat st;
   if (!failed && fstat(fd, &st) == 0) {
     // The count is checked against the file before anything is allocated:
@@ -147,7 +107,7 @@ int TaskResult::ReadVtr(const std::string& filePath, std::vector<T>& v) {
       failed = true;
     } else {
       v.assign(count, T{});
-      if (ReadAll(fd, v.data(), count * sizeof(T), failed) != count * sizeof(T)) failed = true;
+      if (Utils::ReadAll(fd, v.data(), count * sizeof(T), failed) != count * sizeof(T)) failed = true;
     }
   } else {
     failed = true;
@@ -170,7 +130,7 @@ int TaskResult::WriteResultVtr(const TASK_RESULT_OPT& opt, const std::string& ta
   }
   int fd = -1;
   int result = TASK_RESULT_FAIL;
-  const char* suffix = Suffix(opt);
+  const char* suffix = FileNames::TaskResultSuffix(opt);
   const std::string path = suffix != nullptr ? GetFileBasePath(taskID) + suffix : "";
   const std::string lockPath = suffix != nullptr ? GetFileLockBasePath(taskID) + suffix : "";
   if (!InitWorkingDir()) {
@@ -193,7 +153,7 @@ int TaskResult::GetResultVtr(const TASK_RESULT_OPT& opt, const std::string& task
     VELA_INVALID_ARGUMENT("!taskID.empty()");
     return TASK_RESULT_INVALID_ARGUMENT;
   }
-  const char* suffix = Suffix(opt);
+  const char* suffix = FileNames::TaskResultSuffix(opt);
   const std::string path = suffix != nullptr ? GetFileBasePath(taskID) + suffix : "";
   if (ReadVtr(path, v) != TASK_RESULT_SUCCESS) {
     VELA_LOG_TASK(LOG_ERR, "GetResultVtr", taskID, "Failed to read task result to file: %s, resultOpt: %d",
