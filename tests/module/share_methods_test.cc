@@ -121,7 +121,21 @@ class ShareMethods : public testing::Test {
 
 TEST_F(ShareMethods, TheWholeRoadFromStartToClean) {
   EXPECT_EQ("ok {\"share_list\":[]}", Call("status", R"({"additional":["processed_in_bytes"]})"));
+  tool_.Script({"exclusive 600 bytes", "processed 300 bytes", "@sleep 600", "@subvols 100",
+                "processed 600 bytes"});
   EXPECT_EQ("ok null", Call("start", StartParams("share1", kT0 - 60, kT0 + 2 * kHour + 60)));
+  // Status shows the run while it goes on, then its end.
+  std::vector<std::string> seen;
+  for (int i = 0; i < 500; ++i) {
+    const auto status = module_.Call("status", "{}");
+    ASSERT_TRUE(status.IsSuccess());
+    const std::string state = status.GetData()["share_list"][0]["status"].asString();
+    // A share still "ready" is not listed yet.
+    if (!state.empty() && (seen.empty() || seen.back() != state)) seen.push_back(state);
+    if (state == "done") break;
+    usleep(10000);
+  }
+  EXPECT_EQ((std::vector<std::string>{"process", "done"}), seen);
   EXPECT_EQ("done 0", WaitForEnd("share1"));
 
   const auto ids = RootIds();
