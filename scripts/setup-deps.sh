@@ -14,6 +14,9 @@ packages=(
   libbtrfsutil-dev     # subvolume and snapshot work of the platform layer
   tzdata               # zone files for local-time snapshot names
   util-linux           # mount, losetup, unshare
+  jq                   # the main job reads the module's JSON answers
+  libxxhash-dev        # xxhash64 tree block checksums in the size provider
+  libgcrypt20-dev      # sha256 and blake2b tree block checksums in the size provider
 )
 
 missing=()

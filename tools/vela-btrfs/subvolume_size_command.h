@@ -1,0 +1,33 @@
+// "subvolume size": what the given subvolumes take, exclusively or
+// marginally in the given order, with optional progress lines.
+#ifndef VELA_TOOLS_VELA_BTRFS_SUBVOLUME_SIZE_COMMAND_H_
+#define VELA_TOOLS_VELA_BTRFS_SUBVOLUME_SIZE_COMMAND_H_
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace vela::btrfs {
+
+struct SubvolumeSizeRequest {
+  bool verbose = false;    // -v: one line per subvolume
+  bool progress = false;   // -p: progress lines
+  bool marginal = false;   // -m: figures marginal in the given order
+  bool byRootId = false;   // -r: a mount path, then root IDs
+  std::string mountPath;   // with -r
+  std::vector<std::string> operands;  // subvolume paths, or root IDs with -r
+};
+
+// Parses the arguments after "subvolume size". Throws ProviderError (kind
+// kUsage) for bad ones.
+SubvolumeSizeRequest ParseSubvolumeSizeArguments(const std::vector<std::string>& args);
+
+// Runs the request, printing results and progress on `out`. Throws
+// ProviderError; nothing but progress lines is printed before a failure.
+void RunSubvolumeSize(const SubvolumeSizeRequest& request, FILE* out);
+
+extern const char kSubvolumeSizeUsage[];
+
+}  // namespace vela::btrfs
+
+#endif  // VELA_TOOLS_VELA_BTRFS_SUBVOLUME_SIZE_COMMAND_H_

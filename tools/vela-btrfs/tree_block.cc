@@ -1,0 +1,122 @@
+#include "tree_block.h"
+
+#include <algorithm>
+
+#include "provider_error.h"
+
+namespace vela::btrfs {
+
+namespace {
+
+// Neighbouring blocks are read together, up to this many bytes at once.
+constexpr size_t kMaxMergedRead = 1 << 20;
+
+}  // namespace
+
+TreeBlock::ChildPointer TreeBlock::Child(uint32_t i) const {
+  const uint8_t* p = data_ + block::kHeaderSize + static_cast<size_t>(i) * block::kKeyPtrSize;
+  return ChildPointer{ReadDiskKey(p), Le64(p + block::kKeyPtrBlockptr), Le64(p + block::kKeyPtrGeneration)};
+}
+
+TreeBlock::Item TreeBlock::LeafItem(uint32_t i) const {
+  const uint8_t* p = data_ + block::kHeaderSize + static_cast<size_t>(i) * block::kItemSize;
+  const uint32_t offset = Le32(p + block::kItemDataOffset);
+  return Item{ReadDiskKey(p), data_ + block::kHeaderSize + offset, Le32(p + block::kItemDataSize)};
+}
+
+std::string TreeBlock::StructureProblem() const {
+  const size_t room = size_ - block::kHeaderSize;
+  const uint64_t count = ItemCount();
+  if (Level() > 0) {
+    if (count == 0) return "node without children";
+    if (count * block::kKeyPtrSize > room) return Format("%llu children do not fit", static_cast<unsigned long long>(count));
+    return std::string();
+  }
+  if (count * block::kItemSize > room) return Format("%llu items do not fit", static_cast<unsigned long long>(count));
+  const uint64_t table = count * block::kItemSize;
+  for (uint32_t i = 0; i < count; ++i) {
+    const uint8_t* p = data_ + block::kHeaderSize + static_cast<size_t>(i) * block::kItemSize;
+    const uint64_t offset = Le32(p + block::kItemDataOffset);
+    const uint64_t size = Le32(p + block::kItemDataSize);
+    if (offset < table || offset + size > room) return Format("item %u lies outside the leaf", i);
+  }
+  return std::string();
+}
+
+TreeBlockReader::TreeBlockReader(const DeviceSet& devices, const ChunkMap& chunks, const Checksum& checksum,
+                                 uint32_t nodeSize, const uint8_t* metadataFsid, uint64_t newestGeneration)
+    : devices_(devices),
+      chunks_(chunks),
+      checksum_(checksum),
+      nodeSize_(nodeSize),
+      newestGeneration_(newestGeneration) {
+  memcpy(fsid_, metadataFsid, kFsidSize);
+}
+
+std::string TreeBlockReader::Problem(const uint8_t* data, uint64_t logical, uint64_t generation,
+                                     int level) const {
+  if (Le64(data + block::kBytenr) != logical) {
+    return Format("the block there says it is at %llu", static_cast<unsigned long long>(Le64(data + block::kBytenr)));
+  }
+  if (memcmp(data + block::kFsid, fsid_, kFsidSize) != 0) return "it belongs to another file system";
+  if (!checksum_.Matches(data, nodeSize_)) return checksum_.Name() + " checksum mismatch";
+  const uint64_t found = Le64(data + block::kGeneration);
+  if (found != generation || found > newestGeneration_) {
+    return Format("generation %llu, expected %llu", static_cast<unsigned long long>(found),
+                  static_cast<unsigned long long>(generation));
+  }
+  if (data[block::kLevel] != level) return Format("level %d, expected %d", data[block::kLevel], level);
+  return TreeBlock(data, nodeSize_).StructureProblem();
+}
+
+void TreeBlockReader::Read(uint64_t logical, uint64_t generation, int level, uint8_t* buffer) const {
+  if (logical % DeviceSet::kAlignment != 0) {
+    Fail(ProviderError::Kind::kBadBlock, "tree block address %llu is not aligned",
+         static_cast<unsigned long long>(logical));
+  }
+  std::string problem;
+  for (const PhysicalLocation& copy : chunks_.Locate(logical, nodeSize_)) {
+    devices_.Read(copy.devid, copy.physical, buffer, nodeSize_);
+    problem = Problem(buffer, logical, generation, level);
+    if (problem.empty()) return;
+  }
+  Fail(ProviderError::Kind::kBadBlock, "bad tree block at logical %llu (level %d): %s",
+       static_cast<unsigned long long>(logical), level, problem.c_str());
+}
+
+void TreeBlockReader::ReadMany(const std::vector<Request>& requests, int level,
+                               const std::function<void(size_t, const TreeBlock&)>& visit) const {
+  const size_t maxBlocks = std::max<size_t>(1, kMaxMergedRead / nodeSize_);
+  AlignedBuffer merged(maxBlocks * nodeSize_);
+  AlignedBuffer single(nodeSize_);
+  size_t i = 0;
+  while (i < requests.size()) {
+    const uint64_t first = requests[i].logical;
+    if (first % DeviceSet::kAlignment != 0) {
+      Fail(ProviderError::Kind::kBadBlock, "tree block address %llu is not aligned",
+           static_cast<unsigned long long>(first));
+    }
+    // A run of blocks that follow each other on disk, within one stripe.
+    const uint64_t contiguous = chunks_.ContiguousFrom(first);
+    size_t count = 1;
+    while (i + count < requests.size() && count < maxBlocks &&
+           requests[i + count].logical == first + count * nodeSize_ && (count + 1) * nodeSize_ <= contiguous) {
+      ++count;
+    }
+    const std::vector<PhysicalLocation> copies = chunks_.Locate(first, nodeSize_);
+    devices_.Read(copies.front().devid, copies.front().physical, merged.data(), count * nodeSize_);
+    for (size_t k = 0; k < count; ++k) {
+      const Request& request = requests[i + k];
+      const uint8_t* data = merged.data() + k * nodeSize_;
+      if (!Problem(data, request.logical, request.generation, level).empty()) {
+        // Another copy may be good; Read() tries them all and reports.
+        Read(request.logical, request.generation, level, single.data());
+        data = single.data();
+      }
+      visit(i + k, TreeBlock(data, nodeSize_));
+    }
+    i += count;
+  }
+}
+
+}  // namespace vela::btrfs

@@ -1,0 +1,92 @@
+// Reading and checking tree blocks. A block read from disk is trusted only
+// after its checksum, its own address, its file system ID, the generation
+// its parent recorded and its level all match, and its item table fits in
+// it: the metadata may be corrupt, or may be rewritten by the running file
+// system while it is read.
+#ifndef VELA_TOOLS_VELA_BTRFS_TREE_BLOCK_H_
+#define VELA_TOOLS_VELA_BTRFS_TREE_BLOCK_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "checksum.h"
+#include "chunk_map.h"
+#include "device_set.h"
+#include "disk_format.h"
+
+namespace vela::btrfs {
+
+// A checked tree block in memory.
+class TreeBlock {
+ public:
+  TreeBlock(const uint8_t* data, size_t size) : data_(data), size_(size) {}
+
+  int Level() const { return data_[block::kLevel]; }
+  uint32_t ItemCount() const { return Le32(data_ + block::kNritems); }
+  uint64_t Generation() const { return Le64(data_ + block::kGeneration); }
+
+  // Nodes (level > 0): the i-th child pointer.
+  struct ChildPointer {
+    DiskKey key;
+    uint64_t bytenr;
+    uint64_t generation;
+  };
+  ChildPointer Child(uint32_t i) const;
+
+  // Leaves (level 0): the i-th item and its data.
+  struct Item {
+    DiskKey key;
+    const uint8_t* data;
+    uint32_t size;
+  };
+  Item LeafItem(uint32_t i) const;
+
+  // Why the block's item table does not fit in it; empty when it fits.
+  std::string StructureProblem() const;
+
+ private:
+  const uint8_t* data_;
+  size_t size_;
+};
+
+class TreeBlockReader {
+ public:
+  // `metadataFsid` is the ID every tree block header carries;
+  // `newestGeneration` the superblock's generation, which no block exceeds.
+  TreeBlockReader(const DeviceSet& devices, const ChunkMap& chunks, const Checksum& checksum,
+                  uint32_t nodeSize, const uint8_t* metadataFsid, uint64_t newestGeneration);
+
+  // Reads the block at `logical`, trying every copy until one passes the
+  // checks. Throws ProviderError (kind kBadBlock) naming the block and the
+  // reason when none does.
+  void Read(uint64_t logical, uint64_t generation, int level, uint8_t* buffer) const;
+
+  struct Request {
+    uint64_t logical;
+    uint64_t generation;
+  };
+  // Reads the blocks of `requests` (sorted by address, all of one level),
+  // merging neighbours into larger device reads, and calls `visit` for each
+  // checked block in order.
+  void ReadMany(const std::vector<Request>& requests, int level,
+                const std::function<void(size_t index, const TreeBlock&)>& visit) const;
+
+  uint32_t NodeSize() const { return nodeSize_; }
+
+ private:
+  std::string Problem(const uint8_t* data, uint64_t logical, uint64_t generation, int level) const;
+
+  const DeviceSet& devices_;
+  const ChunkMap& chunks_;
+  const Checksum& checksum_;
+  uint32_t nodeSize_;
+  uint8_t fsid_[kFsidSize];
+  uint64_t newestGeneration_;
+};
+
+}  // namespace vela::btrfs
+
+#endif  // VELA_TOOLS_VELA_BTRFS_TREE_BLOCK_H_
