@@ -1,5 +1,6 @@
 // start, status, get_report, cancel and clean through the loaded module, on
-// a real loopback btrfs volume, with the btrfs tool's double computing.
+// a real loopback btrfs volume, with the btrfs tool's double computing, and
+// once with the real size provider.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -15,6 +16,7 @@
 #include "support/command.h"
 #include "support/fork_child.h"
 #include "support/module_loader.h"
+#include "support/sandbox_mounts.h"
 #include "support/scratch_dir.h"
 #include "support/syslog_capture.h"
 #include "velabtrfssnapusage/json_file.h"
@@ -177,6 +179,57 @@ TEST_F(ShareMethods, TheWholeRoadFromStartToClean) {
   struct stat st;
   EXPECT_NE(0, stat("/usr/local/velabtrfssnapusage/share_task_result/share1", &st));
   EXPECT_NE(0, stat("/usr/local/velabtrfssnapusage/share_task_status/share1", &st));
+}
+
+TEST_F(ShareMethods, WithTheRealSizeProviderTheReportIsWhatDeletingTheSnapshotsFrees) {
+  ASSERT_EQ("", BindInto(VELA_TEST_SIZE_PROVIDER_PATH, BtrfsToolDouble::ToolPath()));
+  // A share whose files change between four snapshots: some data lives in
+  // one snapshot only, some in several, some also in the live share, and a
+  // file of another share shares extents with it.
+  volume_.CreateSubvolume("docs");
+  volume_.CreateSubvolume("other");
+  MustRun({"mkdir", "-p", "/volume1/@snapshots/docs"});
+  const std::string churn[] = {
+      "for f in 1 2 3 4 5 6; do head -c 300000 /dev/urandom > /volume1/docs/a$f; done",
+      "rm /volume1/docs/a1; head -c 200000 /dev/urandom > /volume1/docs/b1;"
+      " dd if=/dev/urandom of=/volume1/docs/a2 bs=4096 count=20 conv=notrunc status=none",
+      "rm /volume1/docs/a2 /volume1/docs/b1; fallocate -l 1M /volume1/docs/p;"
+      " cp --reflink=always /volume1/docs/a3 /volume1/other/a3",
+      "rm /volume1/docs/a3 /volume1/docs/a4; head -c 100000 /dev/urandom >> /volume1/docs/a5"};
+  std::vector<std::string> names;
+  for (int i = 0; i < 4; ++i) {
+    MustRun({"sh", "-c", churn[i]});
+    names.push_back(UtcSnapName(kT0 + i * kHour));
+    volume_.Snapshot("/volume1/docs", "/volume1/@snapshots/docs/" + names.back());
+  }
+  EXPECT_EQ("ok null", Call("start", StartParams("docs", kT0, kT0 + 3 * kHour)));
+  EXPECT_EQ("done 0", WaitForEnd("docs"));
+  const auto report = module_.Call("get_report", R"({"share_name":"docs"})");
+  ASSERT_TRUE(report.IsSuccess()) << Answer(report);
+  const Json::Value& rows = report.GetData()["snap_list"];
+  ASSERT_EQ(4u, rows.size());
+
+  // The same question asked of the provider directly, by path.
+  std::vector<std::string> argv = {VELA_TEST_SIZE_PROVIDER_PATH, "subvolume", "size", "-vm"};
+  for (const std::string& name : names) argv.push_back("/volume1/@snapshots/docs/" + name);
+  std::istringstream direct(MustRun(argv));
+  const auto ids = RootIds();
+  unsigned long long sum = 0;
+  for (unsigned i = 0; i < 4; ++i) {
+    unsigned long long id = 0, bytes = 0;
+    std::string line;
+    ASSERT_TRUE(std::getline(direct, line));
+    ASSERT_EQ(2, sscanf(line.c_str(), "subvol(%llu) %llu bytes", &id, &bytes)) << line;
+    sum += bytes;
+    EXPECT_EQ(names[i], rows[i]["time"].asString());
+    EXPECT_EQ(ids.at("@snapshots/docs/" + names[i]), rows[i]["subvol_id"].asUInt64());
+    EXPECT_EQ(id, rows[i]["subvol_id"].asUInt64());
+    EXPECT_EQ(sum, rows[i]["accum_usage"].asUInt64()) << names[i];
+  }
+  // a1, a2 (both versions) and b1 exist only in the snapshots: deleting all
+  // four frees at least their 1.1 MB; a3, shared with "other", frees nothing.
+  EXPECT_GT(rows[3]["accum_usage"].asUInt64(), 1100000u);
+  EXPECT_LT(rows[3]["accum_usage"].asUInt64(), 1900000u);
 }
 
 TEST_F(ShareMethods, RangesSelectSnapshotsAndAnEmptyRangeFailsTheShare) {
