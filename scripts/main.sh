@@ -1,7 +1,13 @@
 #!/usr/bin/env bash
 # The main job: installs what is needed, builds and installs the project,
-# then asks the installed module for the reminder setting through the
-# request runner, as the web server would.
+# then shows the whole road on this machine. It makes (or reuses) a
+# loopback btrfs volume at /volume1, a share "demo" with a handful of
+# snapshots whose contents change between them, starts a calculation over
+# their time range through the request runner, as the web server would,
+# polls its status until it ends, and prints the report.
+#
+# Environment: VELA_DEMO_IMAGE (default /var/lib/velabtrfssnapusage-demo/volume1.img),
+# VELA_DEMO_SHARE (default demo).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -9,6 +15,101 @@ cd "$(dirname "$0")/.."
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j "$(nproc)"
 cmake --install build >/dev/null
+export PATH=/usr/local/bin:/usr/local/sbin:$PATH
 
-set -x
-velawebapi-call VELA.Snap.Usage.Share 1 get_conf '{"additional":["reminder"]}'
+api=VELA.Snap.Usage.Share
+share=${VELA_DEMO_SHARE:-demo}
+image=${VELA_DEMO_IMAGE:-/var/lib/velabtrfssnapusage-demo/volume1.img}
+call() { velawebapi-call "$api" 1 "$@"; }
+
+# The volume: reused when /volume1 already holds a btrfs file system.
+if [ "$(findmnt -n -o FSTYPE /volume1 2>/dev/null)" != btrfs ]; then
+  if [ ! -e "$image" ]; then
+    echo "== making a 2 GiB loopback btrfs volume in $image"
+    mkdir -p "$(dirname "$image")"
+    truncate -s 2G "$image"
+    mkfs.btrfs -q "$image" >/dev/null
+  fi
+  mkdir -p /volume1
+  mount -o loop "$image" /volume1
+  echo "== mounted $image at /volume1"
+fi
+
+# The share and its snapshots: one an hour for the last five hours, with
+# the share's contents changing between them.
+if ! vela-share list | cut -f1 | grep -qx "$share"; then
+  echo "== creating share $share with 5 snapshots"
+  vela-share create 1 "$share"
+  dir=/volume1/$share
+  now=$(date +%s)
+  for i in 1 2 3 4 5; do
+    case $i in
+      1)
+        head -c 64M /dev/urandom >"$dir/base.bin"
+        mkdir -p "$dir/docs"
+        for f in $(seq 1 32); do head -c 1M /dev/urandom >"$dir/docs/page-$f.bin"; done
+        ;;
+      2) head -c 16M /dev/urandom >"$dir/docs/report-$i.bin" ;;
+      3)
+        # Rewriting part of a large extent frees nothing: the rest of it is
+        # still in use. Deleting whole files does.
+        dd if=/dev/urandom of="$dir/base.bin" bs=1M count=8 seek=10 conv=notrunc status=none
+        rm -f "$dir"/docs/page-[1-8].bin
+        ;;
+      4) rm -f "$dir/docs/report-2.bin"; head -c 24M /dev/urandom >"$dir/video.bin" ;;
+      5) cp --reflink=always "$dir/video.bin" "$dir/video-copy.bin"; head -c 4M /dev/urandom >>"$dir/base.bin" ;;
+    esac
+    sync
+    name=$(date -d "@$((now - (6 - i) * 3600))" +GMT%z-%Y.%m.%d-%H.%M.%S | sed -E 's/^GMT([+-][0-9]{2})00-/GMT\1-/')
+    vela-share snapshot "$share" "$name" >/dev/null
+  done
+fi
+echo "== snapshots of $share"
+vela-share snapshots "$share"
+
+first=$(vela-share snapshots "$share" | head -1 | cut -f2)
+last=$(vela-share snapshots "$share" | tail -1 | cut -f2)
+range="{\"range_start\":$((first - 1)),\"range_end\":$((last + 1))}"
+
+echo "== start"
+call clean "{\"share_name\":\"$share\"}" >/dev/null
+call start "{\"share_name\":\"$share\",\"range\":$range}"
+
+echo "== status, until the calculation ends"
+seen=""
+for _ in $(seq 1 600); do
+  answer=$(call status '{"additional":["processed_in_bytes","estimated_in_bytes"]}')
+  state=$(jq -r --arg s "$share" '.data.share_list[]? | select(.share_name == $s) | .status' <<<"$answer")
+  if [ "$state" != "$seen" ] || [ "$state" = process ]; then echo "$answer"; fi
+  case $state in
+    done) break ;;
+    fail | stop)
+      echo "the calculation ended as $state:" >&2
+      call get_report "{\"share_name\":\"$share\"}" >&2 || true
+      exit 1
+      ;;
+  esac
+  if [ -z "$state" ] && [ -n "$seen" ]; then
+    echo "the calculation ended without a result:" >&2
+    call get_report "{\"share_name\":\"$share\"}" >&2 || true
+    exit 1
+  fi
+  seen=${state:-$seen}
+  sleep 0.5
+done
+[ "$state" = done ] || { echo "the calculation did not end in time" >&2; exit 1; }
+
+echo "== report"
+report=$(call get_report "{\"share_name\":\"$share\"}")
+{
+  printf 'SNAPSHOT\tSUBVOLUME ID\tBYTES\tACCUMULATED BYTES\tFREED BY DELETING UP TO HERE\n'
+  jq -r '.data.snap_list as $l | range(0; $l | length) as $i
+         | [$l[$i].time, $l[$i].subvol_id,
+            ($l[$i].accum_usage - (if $i == 0 then 0 else $l[$i - 1].accum_usage end)),
+            $l[$i].accum_usage] | @tsv' <<<"$report" |
+    while IFS=$'\t' read -r name id bytes accum; do
+      printf '%s\t%s\t%s\t%s\t%s\n' "$name" "$id" "$bytes" "$accum" "$(numfmt --to=iec-i --suffix=B "$accum")"
+    done
+} | column -t -s $'\t'
+echo
+echo "$report"
