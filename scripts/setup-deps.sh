@@ -17,6 +17,7 @@ packages=(
   jq                   # the main job reads the module's JSON answers
   libxxhash-dev        # xxhash64 tree block checksums in the size provider
   libgcrypt20-dev      # sha256 and blake2b tree block checksums in the size provider
+  time                 # /usr/bin/time -v: the size provider's peak memory in bench/size-provider-bench.sh
 )
 
 missing=()

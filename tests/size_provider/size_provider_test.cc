@@ -1,0 +1,711 @@
+// The size provider (vela-btrfs subvolume size) on real loopback btrfs
+// volumes: its figures against the kernel's quota groups, its flag forms and
+// modes, its progress lines, its refusals, damaged tree blocks, and SIGTERM.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <numeric>
+#include <set>
+#include <sstream>
+
+#include "size_provider/dataset.h"
+#include "support/btrfs_image.h"
+#include "support/command.h"
+#include "support/fork_child.h"
+#include "support/scratch_dir.h"
+
+namespace vela::test {
+namespace {
+
+constexpr char kProvider[] = VELA_TEST_SIZE_PROVIDER_PATH;
+
+// ---------------------------------------------------------------------------
+// Running the provider and reading what it printed.
+
+// Runs the provider under a time limit, so that a hang fails the test instead
+// of stalling it (a killed run exits 137).
+CommandResult Provider(const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {"timeout", "-s", "KILL", "120", kProvider};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return RunCommand(argv);
+}
+
+std::vector<std::string> SizeArgs(std::vector<std::string> flags, const std::vector<std::string>& subvolumes) {
+  std::vector<std::string> args = {"subvolume", "size"};
+  args.insert(args.end(), flags.begin(), flags.end());
+  args.insert(args.end(), subvolumes.begin(), subvolumes.end());
+  return args;
+}
+
+std::vector<std::string> IdArgs(const std::string& mount, const std::vector<uint64_t>& ids) {
+  std::vector<std::string> args = {"-r", mount};
+  for (uint64_t id : ids) args.push_back(std::to_string(id));
+  return args;
+}
+
+struct Progress {
+  bool estimate;  // an "exclusive" line; otherwise a "processed" one
+  uint64_t bytes;
+};
+
+struct Output {
+  std::vector<Progress> progress;
+  std::vector<std::pair<uint64_t, uint64_t>> subvols;  // root ID, bytes
+  bool hasTotal = false;
+  uint64_t total = 0;
+  std::vector<std::string> strays;  // lines of no known form, or out of place
+
+  std::vector<uint64_t> Ids() const {
+    std::vector<uint64_t> ids;
+    for (const auto& s : subvols) ids.push_back(s.first);
+    return ids;
+  }
+  std::vector<uint64_t> Bytes() const {
+    std::vector<uint64_t> bytes;
+    for (const auto& s : subvols) bytes.push_back(s.second);
+    return bytes;
+  }
+};
+
+// Reads the output strictly: progress lines first, then the subvolume lines,
+// then the total; a line of any other form, or in another place, is a stray.
+Output Parse(const std::string& text) {
+  Output out;
+  std::istringstream lines(text);
+  std::string line;
+  while (std::getline(lines, line)) {
+    unsigned long long a = 0, b = 0;
+    char again[128];
+    if (sscanf(line.c_str(), "exclusive %llu bytes", &a) == 1 &&
+        (snprintf(again, sizeof(again), "exclusive %llu bytes", a), line == again) && out.subvols.empty() &&
+        !out.hasTotal) {
+      out.progress.push_back({true, a});
+    } else if (sscanf(line.c_str(), "processed %llu bytes", &a) == 1 &&
+               (snprintf(again, sizeof(again), "processed %llu bytes", a), line == again) && out.subvols.empty() &&
+               !out.hasTotal) {
+      out.progress.push_back({false, a});
+    } else if (sscanf(line.c_str(), "subvol(%llu) %llu bytes", &a, &b) == 2 &&
+               (snprintf(again, sizeof(again), "subvol(%llu) %llu bytes", a, b), line == again) && !out.hasTotal) {
+      out.subvols.emplace_back(a, b);
+    } else if (sscanf(line.c_str(), "total %llu bytes", &a) == 1 &&
+               (snprintf(again, sizeof(again), "total %llu bytes", a), line == again) && !out.hasTotal) {
+      out.hasTotal = true;
+      out.total = a;
+    } else {
+      out.strays.push_back(line);
+    }
+  }
+  return out;
+}
+
+// A successful run with -v: well-formed output whose total is the sum.
+Output Figures(const CommandResult& run) {
+  Output out = Parse(run.out);
+  EXPECT_EQ(0, run.status) << run.err;
+  EXPECT_EQ(std::vector<std::string>{}, out.strays) << run.out;
+  EXPECT_TRUE(out.hasTotal) << run.out;
+  const auto bytes = out.Bytes();
+  EXPECT_EQ(std::accumulate(bytes.begin(), bytes.end(), uint64_t{0}), out.total) << run.out;
+  return out;
+}
+
+// The estimate comes first; work done never shrinks, never passes the
+// estimate printed before it, and reaches the last estimate at the end.
+testing::AssertionResult ProgressKeptItsWord(const std::vector<Progress>& progress) {
+  if (progress.empty()) return testing::AssertionFailure() << "no progress line";
+  if (!progress.front().estimate) return testing::AssertionFailure() << "the first progress line is no estimate";
+  uint64_t estimate = 0, done = 0;
+  for (size_t i = 0; i < progress.size(); ++i) {
+    if (progress[i].estimate) {
+      estimate = progress[i].bytes;
+      continue;
+    }
+    if (progress[i].bytes < done) {
+      return testing::AssertionFailure() << "line " << i << ": processed fell from " << done << " to " << progress[i].bytes;
+    }
+    if (progress[i].bytes > estimate) {
+      return testing::AssertionFailure() << "line " << i << ": processed " << progress[i].bytes << " passes the estimate "
+                                         << estimate;
+    }
+    done = progress[i].bytes;
+  }
+  if (progress.back().estimate || progress.back().bytes != estimate) {
+    return testing::AssertionFailure() << "the last progress line is not processed == the last estimate " << estimate;
+  }
+  return testing::AssertionSuccess();
+}
+
+std::vector<uint64_t> RootIds(const std::vector<std::string>& paths) {
+  std::vector<uint64_t> ids;
+  for (const auto& path : paths) ids.push_back(RootId(path));
+  return ids;
+}
+
+std::vector<uint64_t> RunningSums(const std::vector<uint64_t>& figures) {
+  std::vector<uint64_t> sums;
+  uint64_t sum = 0;
+  for (uint64_t figure : figures) sums.push_back(sum += figure);
+  return sums;
+}
+
+// A file held open: while it is, a deleted subvolume holding it waits for
+// the cleaner.
+struct OpenFile {
+  explicit OpenFile(const std::string& path) : fd(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
+  ~OpenFile() { Close(); }
+  void Close() {
+    if (fd >= 0) close(fd);
+    fd = -1;
+  }
+  int fd;
+};
+
+// A byte copy of an image mounted at a path until the object goes away.
+class MountedCopy {
+ public:
+  MountedCopy(const std::string& image, const std::string& copy, const std::string& mountPoint)
+      : copy_(copy), mountPoint_(mountPoint) {
+    MustRun({"cp", "--sparse=always", image, copy_});
+    MustRun({"mount", "-t", "btrfs", "-o", "loop", copy_, mountPoint_});
+  }
+  ~MountedCopy() {
+    if (RunCommand({"umount", mountPoint_}).status != 0) RunCommand({"umount", "-l", mountPoint_});
+    unlink(copy_.c_str());
+  }
+  MountedCopy(const MountedCopy&) = delete;
+  MountedCopy& operator=(const MountedCopy&) = delete;
+
+ private:
+  std::string copy_;
+  std::string mountPoint_;
+};
+
+// ---------------------------------------------------------------------------
+// Figures against the kernel's quota groups.
+
+struct Layout {
+  const char* name;
+  std::vector<std::string> mkfsArgs;
+  int snapshotTreeLevel;  // the least level the snapshots' trees must reach
+};
+
+void PrintTo(const Layout& layout, std::ostream* os) { *os << layout.name; }
+
+class SizeProviderQuotaGroups : public testing::TestWithParam<Layout> {};
+
+TEST_P(SizeProviderQuotaGroups, FiguresEqualTheKernelsQuotaGroupsToTheByteWhileADeletedSnapshotAwaitsTheCleaner) {
+  const Layout& layout = GetParam();
+  BtrfsImage volume("/volume1", 512ull << 20, layout.mkfsArgs);
+  const ChurnDataset data = BuildChurnDataset("/volume1", 3000);
+  const auto& snaps = data.snapshots;
+  const std::vector<uint64_t> snapIds = RootIds(snaps);
+
+  // The data has what it is meant to: deep trees, compressed and
+  // preallocated extents.
+  const auto levels = RootLevels(volume.ImagePath());
+  for (uint64_t id : snapIds) EXPECT_GE(levels.at(id), layout.snapshotTreeLevel) << "tree of " << id;
+  const std::string s3Tree = MustRun({"btrfs", "inspect-internal", "dump-tree", "--hide-names", "-t",
+                                      std::to_string(snapIds[2]), volume.ImagePath()});
+  EXPECT_NE(std::string::npos, s3Tree.find("compression 3 (zstd)"));
+  EXPECT_NE(std::string::npos, s3Tree.find("type 2 (prealloc)"));
+
+  // s7 shares its new file with "doomed" only; once "doomed" is deleted,
+  // that file is s7's alone. A reader keeps the deleted snapshot's tree
+  // waiting for the cleaner while the provider runs.
+  const Output beforeDeletion = Figures(Provider(SizeArgs({"-v"}, {snaps[6]})));
+  const uint64_t doomedId = RootId(data.doomed);
+  OpenFile reader(data.doomed + "/new1");
+  ASSERT_LE(0, reader.fd);
+  MustRun({"btrfs", "-q", "subvolume", "delete", "-c", data.doomed});
+  ASSERT_NE(std::string::npos, MustRun({"btrfs", "subvolume", "list", "-d", "/volume1"})
+                                   .find("ID " + std::to_string(doomedId) + " "))
+      << "the deleted snapshot should still wait for the cleaner";
+
+  const Output exclusive = Figures(Provider(SizeArgs({"-v"}, snaps)));
+  ASSERT_EQ(snapIds, exclusive.Ids());
+
+  // Marginal figures in an order unlike the snapshots' age, by path and by
+  // root ID.
+  const std::vector<size_t> orderA = {2, 0, 6, 4, 1, 7, 5, 3};
+  std::vector<std::string> pathsA;
+  std::vector<uint64_t> idsA;
+  for (size_t i : orderA) {
+    pathsA.push_back(snaps[i]);
+    idsA.push_back(snapIds[i]);
+  }
+  const Output marginalA = Figures(Provider(SizeArgs({"-vpm"}, pathsA)));
+  ASSERT_EQ(idsA, marginalA.Ids());
+  EXPECT_TRUE(ProgressKeptItsWord(marginalA.progress));
+  const Output marginalAById = Figures(Provider(SizeArgs({"-vpm"}, IdArgs("/volume1", idsA))));
+  EXPECT_EQ(marginalA.subvols, marginalAById.subvols);
+  EXPECT_TRUE(ProgressKeptItsWord(marginalAById.progress));
+
+  // Oldest first, then the live share, the other share and the top level.
+  std::vector<uint64_t> idsB = snapIds;
+  idsB.push_back(RootId(data.share));
+  idsB.push_back(RootId(data.other));
+  idsB.push_back(5);
+  const Output marginalB = Figures(Provider(SizeArgs({"-vm"}, IdArgs("/volume1", idsB))));
+  ASSERT_EQ(idsB, marginalB.Ids());
+
+  // The deleted snapshot itself cannot be asked for.
+  const CommandResult deleted = Provider(SizeArgs({"-v"}, IdArgs("/volume1", {doomedId})));
+  EXPECT_NE(0, deleted.status);
+  EXPECT_EQ("", deleted.out);
+  EXPECT_NE("", deleted.err);
+
+  // The reference: the kernel's own accounting on a copy, once the cleaner
+  // has removed the deleted snapshot. 1/k holds the first k of order A,
+  // 2/k the first k of order B.
+  reader.Close();
+  volume.Unmount();
+  ScratchDir scratch;
+  MountedCopy copy(volume.ImagePath(), scratch / "copy.img", "/volume2");
+  MustRun({"btrfs", "subvolume", "sync", "/volume2"});
+  MustRun({"btrfs", "quota", "enable", "/volume2"});
+  MustRun({"btrfs", "quota", "rescan", "-W", "/volume2"});
+  for (const auto& [level, ids] : {std::make_pair(1, idsA), std::make_pair(2, idsB)}) {
+    for (size_t k = 1; k <= ids.size(); ++k) {
+      const std::string group = std::to_string(level) + "/" + std::to_string(k);
+      MustRun({"btrfs", "qgroup", "create", group, "/volume2"});
+      for (size_t j = 0; j < k; ++j) {
+        MustRun({"btrfs", "qgroup", "assign", "--no-rescan", "0/" + std::to_string(ids[j]), group, "/volume2"});
+      }
+    }
+  }
+  MustRun({"btrfs", "quota", "rescan", "-w", "/volume2"});
+  const auto groups = ReadQgroups("/volume2");
+
+  for (size_t i = 0; i < snaps.size(); ++i) {
+    EXPECT_EQ(groups.at("0/" + std::to_string(snapIds[i])).exclusive, exclusive.Bytes()[i]) << snaps[i];
+  }
+  const auto sumsA = RunningSums(marginalA.Bytes());
+  const auto sumsB = RunningSums(marginalB.Bytes());
+  for (size_t k = 1; k <= idsA.size(); ++k) {
+    EXPECT_EQ(groups.at("1/" + std::to_string(k)).exclusive, sumsA[k - 1]) << "first " << k << " of order A";
+  }
+  for (size_t k = 1; k <= idsB.size(); ++k) {
+    EXPECT_EQ(groups.at("2/" + std::to_string(k)).exclusive, sumsB[k - 1]) << "first " << k << " of order B";
+  }
+
+  // None of this holds by accident: data shared among snapshots only (the
+  // 120 KiB rewritten in the middle of the large file live in s2 to s5)
+  // makes the marginal total exceed the sum of exclusive figures, and the
+  // deleted snapshot's file went to s7 alone.
+  EXPECT_GT(marginalA.total, exclusive.total + 120000);
+  ASSERT_EQ(1u, beforeDeletion.subvols.size());
+  EXPECT_GE(exclusive.Bytes()[6], beforeDeletion.total + 70000) << "the 70000-byte file only s7 still holds";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Layouts, SizeProviderQuotaGroups,
+    testing::Values(Layout{"DefaultLayout", {}, 1},
+                    Layout{"SmallNodesXxhashSingleMetadata", {"-n", "4096", "--csum", "xxhash", "-m", "single"}, 2}),
+    [](const testing::TestParamInfo<Layout>& info) { return std::string(info.param.name); });
+
+// ---------------------------------------------------------------------------
+// Flag forms, modes and the relations between the figures.
+
+TEST(SizeProvider, FlagFormsAndPathAndRootIdModesAgreeAndFiguresRelateAsTheyMust) {
+  BtrfsImage volume("/volume1", 512ull << 20, {"--csum", "blake2b"});
+  const ChurnDataset data = BuildChurnDataset("/volume1", 400);
+  const auto& snaps = data.snapshots;
+  const std::vector<uint64_t> ids = RootIds(snaps);
+
+  const Output reference = Figures(Provider(SizeArgs({"-v", "-p", "-m"}, snaps)));
+  ASSERT_TRUE(ProgressKeptItsWord(reference.progress));
+  ASSERT_EQ(ids, reference.Ids());
+  const std::vector<std::vector<std::string>> forms = {
+      SizeArgs({"-vpm"}, snaps),
+      SizeArgs({"-mpv"}, snaps),
+      SizeArgs({"-v", "-pm"}, snaps),
+      SizeArgs({"-vpm"}, IdArgs("/volume1", ids)),
+      SizeArgs({"-v", "-p", "-m"}, IdArgs("/volume1", ids)),
+      SizeArgs({"-pm", "-v"}, IdArgs("/volume1/share/small", ids)),  // any path on the volume
+  };
+  for (const auto& args : forms) {
+    SCOPED_TRACE(testing::PrintToString(args));
+    const Output out = Figures(Provider(args));
+    EXPECT_EQ(reference.subvols, out.subvols);
+    EXPECT_EQ(reference.total, out.total);
+    EXPECT_TRUE(ProgressKeptItsWord(out.progress));
+    ASSERT_FALSE(out.progress.empty());
+    EXPECT_EQ(reference.progress.back().bytes, out.progress.back().bytes) << "the same work";
+  }
+
+  // Without -m, by path and by root ID.
+  const Output exclusive = Figures(Provider(SizeArgs({"-v"}, snaps)));
+  ASSERT_EQ(ids, exclusive.Ids());
+  EXPECT_EQ(exclusive.subvols, Figures(Provider(SizeArgs({"-v"}, IdArgs("/volume1", ids)))).subvols);
+  EXPECT_TRUE(exclusive.progress.empty()) << "no progress without -p";
+
+  // What the first subvolume shares with no one else is its exclusive
+  // figure; a marginal figure is never below the exclusive one; deleting
+  // them all frees the same whatever the order; one subvolume alone has one
+  // figure.
+  EXPECT_EQ(exclusive.Bytes()[0], reference.Bytes()[0]);
+  for (size_t i = 0; i < snaps.size(); ++i) EXPECT_GE(reference.Bytes()[i], exclusive.Bytes()[i]) << snaps[i];
+  EXPECT_GT(reference.total, exclusive.total + 120000) << "data shared among the snapshots only";
+  const std::vector<std::string> reversed(snaps.rbegin(), snaps.rend());
+  const Output reversedMarginal = Figures(Provider(SizeArgs({"-vm"}, reversed)));
+  EXPECT_EQ(reference.total, reversedMarginal.total);
+  EXPECT_EQ(Figures(Provider(SizeArgs({"-v"}, {snaps[3]}))).subvols,
+            Figures(Provider(SizeArgs({"-vm"}, {snaps[3]}))).subvols);
+
+  // -p without -v prints progress, not figures.
+  const CommandResult progressOnly = Provider(SizeArgs({"-p"}, snaps));
+  EXPECT_EQ(0, progressOnly.status) << progressOnly.err;
+  const Output quiet = Parse(progressOnly.out);
+  EXPECT_TRUE(quiet.subvols.empty()) << progressOnly.out;
+  EXPECT_EQ(std::vector<std::string>{}, quiet.strays);
+  EXPECT_TRUE(ProgressKeptItsWord(quiet.progress));
+}
+
+// ---------------------------------------------------------------------------
+// Long runs: progress along the way, and SIGTERM.
+
+TEST(SizeProvider, ARunSlowedByItsDiskReportsProgressAlongTheWayAtAModestRate) {
+  BtrfsImage volume("/volume1", 512ull << 20);
+  const ChurnDataset data = BuildChurnDataset("/volume1", 2000);
+  ReadThrottle throttle(LoopDevice(volume.ImagePath()), 1u << 20);
+
+  std::vector<std::string> argv = {"sh", "-c", "echo $$ > \"$1\" && shift && exec \"$@\"", "throttled",
+                                   throttle.Procs(), kProvider, "subvolume", "size", "-vpm"};
+  argv.insert(argv.end(), data.snapshots.begin(), data.snapshots.end());
+  const auto start = std::chrono::steady_clock::now();
+  const CommandResult run = RunCommand(argv);
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+
+  const Output out = Figures(run);
+  ASSERT_GT(seconds, 1.5) << "the throttle should have made the run last";
+  EXPECT_TRUE(ProgressKeptItsWord(out.progress));
+  const uint64_t finalEstimate = out.progress.back().bytes;
+  EXPECT_TRUE(std::any_of(out.progress.begin(), out.progress.end(), [&](const Progress& p) {
+    return !p.estimate && p.bytes > 0 && p.bytes < finalEstimate;
+  })) << run.out;
+  EXPECT_LE(out.progress.size(), 3 + 5 * seconds) << "about four lines a second at most, over " << seconds << " s\n"
+                                                  << run.out;
+}
+
+TEST(SizeProvider, SigtermEndsARunningProviderAtOnceAndLeavesNothingBehind) {
+  BecomeSubreaper();
+  BtrfsImage volume("/volume1", 512ull << 20);
+  const ChurnDataset data = BuildChurnDataset("/volume1", 2000);
+  // Slow enough that the whole run would take many seconds.
+  ReadThrottle throttle(LoopDevice(volume.ImagePath()), 256u << 10);
+
+  int out[2];
+  ASSERT_EQ(0, pipe2(out, O_CLOEXEC));
+  const std::string procs = throttle.Procs();
+  std::vector<std::string> args = {kProvider, "subvolume", "size", "-vpm"};
+  args.insert(args.end(), data.snapshots.begin(), data.snapshots.end());
+  struct Reaped {  // killed and reaped when the test stops early
+    pid_t pid;
+    ~Reaped() {
+      if (pid > 0 && kill(pid, SIGKILL) == 0) WaitForExit(pid, 60000);
+    }
+  } child{fork()};
+  const pid_t pid = child.pid;
+  ASSERT_LE(0, pid);
+  if (pid == 0) {
+    dup2(out[1], 1);
+    const int procsFd = open(procs.c_str(), O_WRONLY);
+    if (procsFd < 0 || write(procsFd, "0\n", 2) != 2) _exit(126);
+    close(procsFd);
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  close(out[1]);
+
+  // Once the first progress line is out, the run is under way.
+  std::string printed;
+  char buffer[4096];
+  while (printed.find('\n') == std::string::npos && WaitReadable(out[0], 30000)) {
+    const ssize_t n = read(out[0], buffer, sizeof(buffer));
+    if (n <= 0) break;
+    printed.append(buffer, static_cast<size_t>(n));
+  }
+  ASSERT_EQ(0u, printed.rfind("exclusive ", 0)) << printed;
+  const auto signalled = std::chrono::steady_clock::now();
+  ASSERT_EQ(0, kill(pid, SIGTERM));
+  int status = WaitForExit(pid, 6000);
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - signalled).count();
+  if (status == -1) {
+    kill(pid, SIGKILL);
+    status = WaitForExit(pid, 60000);
+    ADD_FAILURE() << "still running 6 s after SIGTERM";
+  }
+  child.pid = -1;
+  EXPECT_EQ(128 + SIGTERM, status) << "ended by the signal itself, after " << seconds << " s";
+  ssize_t n;
+  while ((n = read(out[0], buffer, sizeof(buffer))) > 0) printed.append(buffer, static_cast<size_t>(n));
+  close(out[0]);
+  const Output partial = Parse(printed);
+  EXPECT_TRUE(partial.subvols.empty() && !partial.hasTotal) << "it did not finish first:\n" << printed;
+
+  for (int i = 0; i < 300 && HasChildren(); ++i) WaitForExit(-1, 10);
+  EXPECT_FALSE(HasChildren()) << "a process of the provider was left behind";
+}
+
+// ---------------------------------------------------------------------------
+// Refusals: a message on stderr, a non-zero status and nothing on stdout.
+
+constexpr int kUsage = 2;
+constexpr int kFailure = -1;  // any non-zero status but a time-out's
+
+void ExpectRefused(const std::vector<std::string>& args, int status, const std::string& mentioned) {
+  SCOPED_TRACE(testing::PrintToString(args));
+  const CommandResult run = Provider(args);
+  if (status == kFailure) {
+    EXPECT_NE(0, run.status);
+    EXPECT_NE(137, run.status) << "killed after hanging";
+  } else {
+    EXPECT_EQ(status, run.status) << run.err;
+  }
+  EXPECT_EQ("", run.out);
+  EXPECT_NE("", run.err);
+  EXPECT_NE(std::string::npos, run.err.find(mentioned)) << run.err;
+}
+
+TEST(SizeProviderRefusals, UsageErrorsExitWithTwo) {
+  ExpectRefused({}, kUsage, "");
+  ExpectRefused({"subvolume"}, kUsage, "");
+  ExpectRefused({"subvolume", "list", "/"}, kUsage, "");
+  ExpectRefused({"frobnicate"}, kUsage, "");
+  ExpectRefused({"subvolume", "size"}, kUsage, "");
+  ExpectRefused({"subvolume", "size", "-v"}, kUsage, "");
+  ExpectRefused({"subvolume", "size", "-x", "/"}, kUsage, "-x");
+  ExpectRefused({"subvolume", "size", "-vq", "/"}, kUsage, "q");
+  ExpectRefused({"subvolume", "size", "-r"}, kUsage, "");
+  ExpectRefused({"subvolume", "size", "-vpm", "-r", "/"}, kUsage, "");
+  ExpectRefused({"subvolume", "size", "-r", "/", "abc"}, kUsage, "abc");
+  ExpectRefused({"subvolume", "size", "-r", "/", "257", "12x"}, kUsage, "12x");
+  ExpectRefused({"subvolume", "size", "-r", "/", "-5"}, kUsage, "-5");
+  ExpectRefused({"subvolume", "size", "-r", "/", "99999999999999999999999"}, kUsage, "99999999999999999999999");
+
+  const CommandResult help = Provider({"--help"});
+  EXPECT_EQ(0, help.status);
+  EXPECT_NE(std::string::npos, help.out.find("subvolume size")) << help.out;
+}
+
+TEST(SizeProviderRefusals, WhatIsNoMeasurableSubvolumeOfOneBtrfsIsRefused) {
+  BtrfsImage volume1("/volume1", BtrfsImage::kDefaultSize, {"--csum", "sha256"});
+  BtrfsImage volume2("/volume2");
+  const std::string share = volume1.CreateSubvolume("share");
+  MustRun({"mkdir", "-p", "/volume1/@snapshots/share", share + "/dir"});
+  volume1.Snapshot(share, "/volume1/@snapshots/share/s1");
+  volume1.Snapshot(share, "/volume1/@snapshots/share/s2");
+  ASSERT_EQ(0, symlink("/volume1/@snapshots/share/s1", "/volume1/latest"));
+  const std::string other = volume2.CreateSubvolume("other");
+  ASSERT_EQ(0, mount("tmpfs", "/volume3", "tmpfs", 0, nullptr));
+  ASSERT_EQ(0, mkdir("/volume3/dir", 0755));
+  const std::string s1 = "/volume1/@snapshots/share/s1";
+  const std::string s1Id = std::to_string(RootId(s1));
+
+  // The same subvolumes are fine, so each refusal is about what it changes.
+  EXPECT_EQ(2u, Figures(Provider({"subvolume", "size", "-v", s1, "/volume1/@snapshots/share/s2"})).subvols.size());
+
+  ExpectRefused({"subvolume", "size", "-v", "/volume3/dir"}, kFailure, "/volume3/dir");
+  ExpectRefused({"subvolume", "size", "-v", "-r", "/volume3", "5"}, kFailure, "/volume3");
+  ExpectRefused({"subvolume", "size", "-v", s1, "/volume3/dir"}, kFailure, "/volume3/dir");
+  ExpectRefused({"subvolume", "size", "-v", "/volume1/missing"}, kFailure, "/volume1/missing");
+  ExpectRefused({"subvolume", "size", "-v", share + "/dir"}, kFailure, share + "/dir");
+  ExpectRefused({"subvolume", "size", "-v", "-r", "/volume1", "99999"}, kFailure, "99999");
+  ExpectRefused({"subvolume", "size", "-v", "-r", "/volume1", "2"}, kFailure, "2");  // the extent tree
+  ExpectRefused({"subvolume", "size", "-v", "-r", "/volume1", "0"}, kFailure, "0");
+  ExpectRefused({"subvolume", "size", "-v", s1, other}, kFailure, "");
+  ExpectRefused({"subvolume", "size", "-v", s1, share, s1}, kFailure, "");
+  ExpectRefused({"subvolume", "size", "-v", s1, "/volume1/latest"}, kFailure, "");
+  ExpectRefused({"subvolume", "size", "-vpm", "-r", "/volume1", s1Id, "5", s1Id}, kFailure, s1Id);
+  umount2("/volume3", MNT_DETACH);
+}
+
+// ---------------------------------------------------------------------------
+// Damaged tree blocks.
+
+// Castagnoli CRC, the default tree block checksum.
+uint32_t Crc32c(const uint8_t* data, size_t size) {
+  static const std::array<uint32_t, 256> table = [] {
+    std::array<uint32_t, 256> t{};
+    for (uint32_t i = 0; i < 256; ++i) {
+      uint32_t c = i;
+      for (int k = 0; k < 8; ++k) c = (c & 1) ? (c >> 1) ^ 0x82F63B78u : c >> 1;
+      t[i] = c;
+    }
+    return t;
+  }();
+  uint32_t crc = 0xFFFFFFFFu;
+  for (size_t i = 0; i < size; ++i) crc = table[(crc ^ data[i]) & 0xFF] ^ (crc >> 8);
+  return ~crc;
+}
+
+// Offsets in a tree block header.
+constexpr size_t kCsumEnd = 32, kFsid = 32, kGeneration = 80, kNritems = 96, kLevel = 100, kHeaderSize = 101;
+constexpr size_t kItemOffset = 17;  // in an item, after its key
+
+template <typename T>
+void Put(std::string& block, size_t at, T value) {
+  memcpy(block.data() + at, &value, sizeof(value));  // little-endian host, as on disk
+}
+template <typename T>
+T Get(const std::string& block, size_t at) {
+  T value;
+  memcpy(&value, block.data() + at, sizeof(value));
+  return value;
+}
+
+void Reseal(std::string& block) {
+  Put<uint32_t>(block, 0, Crc32c(reinterpret_cast<const uint8_t*>(block.data()) + kCsumEnd, block.size() - kCsumEnd));
+}
+
+class SizeProviderDamagedBlocks : public testing::Test {
+ protected:
+  static constexpr uint64_t kNodeSize = 16384;
+
+  void SetUp() override {
+    data_ = BuildChurnDataset("/volume1", 600);
+    s1Id_ = RootId(data_.snapshots[0]);
+    // A leaf only s1 reaches: nothing else would make the provider read it.
+    std::set<uint64_t> elsewhere;
+    for (uint64_t id : AllRootIds("/volume1")) {
+      if (id == s1Id_) continue;
+      for (const auto& block : TreeBlocks(volume_.ImagePath(), id)) elsewhere.insert(block.bytenr);
+    }
+    std::vector<uint64_t> own;
+    for (const auto& block : TreeBlocks(volume_.ImagePath(), s1Id_)) {
+      if (block.level > 0 && root_ == 0) root_ = block.bytenr;
+      if (block.level == 0 && elsewhere.count(block.bytenr) == 0) own.push_back(block.bytenr);
+    }
+    ASSERT_NE(0u, root_) << "s1's tree should have more than one level";
+    ASSERT_GE(own.size(), 2u) << "s1 should have leaves of its own";
+    leaf_ = own[0];
+    otherLeaf_ = own[1];
+    for (uint64_t block : {leaf_, otherLeaf_, root_}) {
+      copies_[block] = PhysicalCopies(volume_.ImagePath(), block);
+      ASSERT_EQ(2u, copies_[block].size()) << "metadata is kept twice";
+      for (uint64_t at : copies_[block]) saved_[at] = ReadAt(at);
+    }
+    baseline_ = Provider(SizeArgs({"-vm"}, data_.snapshots));
+    ASSERT_EQ(0, baseline_.status) << baseline_.err;
+  }
+
+  void TearDown() override {
+    // The running file system must never meet the damage.
+    for (const auto& [at, bytes] : saved_) WriteAt(at, bytes);
+  }
+
+  std::string ReadAt(uint64_t at) {
+    std::string bytes(kNodeSize, '\0');
+    const int fd = open(volume_.ImagePath().c_str(), O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(static_cast<ssize_t>(kNodeSize), pread(fd, bytes.data(), kNodeSize, static_cast<off_t>(at)));
+    close(fd);
+    return bytes;
+  }
+  void WriteAt(uint64_t at, const std::string& bytes) {
+    const int fd = open(volume_.ImagePath().c_str(), O_WRONLY | O_CLOEXEC);
+    EXPECT_EQ(static_cast<ssize_t>(bytes.size()), pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(at)));
+    fdatasync(fd);
+    close(fd);
+  }
+  // Puts `bytes` in place of every copy of `block`.
+  void Replace(uint64_t block, const std::string& bytes) {
+    for (uint64_t at : copies_.at(block)) WriteAt(at, bytes);
+  }
+  void Restore(uint64_t block) {
+    for (uint64_t at : copies_.at(block)) WriteAt(at, saved_.at(at));
+  }
+  const std::string& Original(uint64_t block) { return saved_.at(copies_.at(block)[0]); }
+
+  BtrfsImage volume_{"/volume1", 512ull << 20};
+  ChurnDataset data_;
+  uint64_t s1Id_ = 0;
+  uint64_t root_ = 0, leaf_ = 0, otherLeaf_ = 0;
+  std::map<uint64_t, std::vector<uint64_t>> copies_;
+  std::map<uint64_t, std::string> saved_;
+  CommandResult baseline_;
+};
+
+TEST_F(SizeProviderDamagedBlocks, OneDamagedCopyIsPassedOverForTheOther) {
+  for (int bad = 0; bad < 2; ++bad) {
+    SCOPED_TRACE("damaged copy " + std::to_string(bad + 1));
+    std::string damaged = saved_.at(copies_.at(leaf_)[bad]);
+    for (size_t i = 1000; i < 1064; ++i) damaged[i] = static_cast<char>(~damaged[i]);
+    WriteAt(copies_.at(leaf_)[bad], damaged);
+    const CommandResult run = Provider(SizeArgs({"-vm"}, data_.snapshots));
+    EXPECT_EQ(0, run.status) << run.err;
+    EXPECT_EQ(baseline_.out, run.out);
+    Restore(leaf_);
+  }
+}
+
+TEST_F(SizeProviderDamagedBlocks, EveryKindOfBadBlockIsReportedWithItsAddressAndNoFigures) {
+  // Sanity of the crafting: the saved leaf's checksum is what Reseal writes.
+  std::string resealed = Original(leaf_);
+  Reseal(resealed);
+  ASSERT_EQ(Original(leaf_), resealed) << "not a crc32c file system?";
+  ASSERT_EQ(0, Get<uint8_t>(Original(leaf_), kLevel));
+  ASSERT_GT(Get<uint32_t>(Original(leaf_), kNritems), 0u);
+
+  struct Damage {
+    std::string what;
+    uint64_t block;
+    std::function<void(std::string&)> change;
+    bool reseal;
+  };
+  const std::vector<Damage> damages = {
+      {"flipped bytes in a leaf", leaf_, [](std::string& b) { for (size_t i = 4000; i < 4100; ++i) b[i] ^= 0x5A; }, false},
+      {"flipped bytes in the tree's root node", root_, [](std::string& b) { for (size_t i = 200; i < 260; ++i) b[i] ^= 0x5A; }, false},
+      {"another leaf at this address", leaf_, [&](std::string& b) { b = Original(otherLeaf_); }, false},
+      {"a newer generation than its parent recorded", leaf_,
+       [](std::string& b) { Put<uint64_t>(b, kGeneration, Get<uint64_t>(b, kGeneration) + 1); }, true},
+      {"a leaf claiming to be a node", leaf_, [](std::string& b) { Put<uint8_t>(b, kLevel, 1); }, true},
+      {"another file system's ID", leaf_, [](std::string& b) { b[kFsid + 3] ^= 0x01; }, true},
+      {"more items than the block holds", leaf_, [](std::string& b) { Put<uint32_t>(b, kNritems, 0xFFFFFFFFu); }, true},
+      {"an item whose data lies beyond the block", leaf_,
+       [](std::string& b) { Put<uint32_t>(b, kHeaderSize + kItemOffset, static_cast<uint32_t>(kNodeSize)); }, true},
+  };
+  for (const Damage& damage : damages) {
+    SCOPED_TRACE(damage.what);
+    std::string bytes = Original(damage.block);
+    damage.change(bytes);
+    if (damage.reseal) Reseal(bytes);
+    Replace(damage.block, bytes);
+    for (const char* flags : {"-vpm", "-v"}) {
+      const CommandResult run = Provider(SizeArgs({flags}, data_.snapshots));
+      EXPECT_NE(0, run.status) << flags << ": " << run.out;
+      EXPECT_NE(137, run.status) << flags << ": killed after hanging";
+      const Output out = Parse(run.out);
+      EXPECT_TRUE(out.subvols.empty() && !out.hasTotal && out.strays.empty()) << flags << ": " << run.out;
+      if (std::string(flags) == "-v") {
+        EXPECT_EQ("", run.out);
+      }
+      char hex[32];
+      snprintf(hex, sizeof(hex), "%llx", static_cast<unsigned long long>(damage.block));
+      EXPECT_TRUE(run.err.find(std::to_string(damage.block)) != std::string::npos ||
+                  run.err.find(hex) != std::string::npos)
+          << flags << ": the message should name block " << damage.block << ": " << run.err;
+    }
+    Restore(damage.block);
+  }
+  // Undamaged again, the same figures as before: the failures were the damage.
+  const CommandResult again = Provider(SizeArgs({"-vm"}, data_.snapshots));
+  EXPECT_EQ(0, again.status) << again.err;
+  EXPECT_EQ(baseline_.out, again.out);
+}
+
+}  // namespace
+}  // namespace vela::test
