@@ -141,10 +141,10 @@ int main(int argc, char** argv) {
       break;
     }
     if (arg == "--bind" && i + 1 < argc) {
-      const std::string spec = argv[++i];
-      const auto colon = spec.find(':');
-      if (colon == std::string::npos || spec[colon + 1] != '/') Usage();
-      binds.emplace_back(spec.substr(0, colon), spec.substr(colon + 1));
+      const std::string bindArg = argv[++i];
+      const auto colon = bindArg.find(':');
+      if (colon == std::string::npos || bindArg[colon + 1] != '/') Usage();
+      binds.emplace_back(bindArg.substr(0, colon), bindArg.substr(colon + 1));
       continue;
     }
     if (arg.rfind("-", 0) == 0) Usage();
