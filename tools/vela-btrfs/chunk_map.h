@@ -32,8 +32,6 @@ class ChunkMap {
   // rest of the stripe or chunk), 0 for an unmapped address.
   uint64_t ContiguousFrom(uint64_t logical) const;
 
-  bool Empty() const { return chunks_.empty(); }
-
  private:
   struct Stripe {
     uint64_t devid;

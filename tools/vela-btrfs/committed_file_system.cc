@@ -47,13 +47,6 @@ void Commit(int fsFd) {
 
 }  // namespace
 
-uint64_t CommittedFileSystem::OnDiskGeneration(int fsFd) {
-  DeviceSet devices(fsFd);
-  AlignedBuffer buffer(super::kSize);
-  ReadSuper(devices, devices.Paths().begin()->first, buffer);
-  return Le64(buffer.data() + super::kGeneration);
-}
-
 CommittedFileSystem::CommittedFileSystem(int fsFd) : devices_((Commit(fsFd), fsFd)) {
   AlignedBuffer sb(super::kSize);
   const uint64_t firstDevid = devices_.Paths().begin()->first;

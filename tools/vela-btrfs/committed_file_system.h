@@ -36,10 +36,6 @@ class CommittedFileSystem {
   const std::vector<SubvolumeRoot>& Subvolumes() const { return subvolumes_; }
   const TreeBlockReader& Reader() const { return *reader_; }
 
-  // Generation of the superblock now on disk, without reading anything
-  // else.
-  static uint64_t OnDiskGeneration(int fsFd);
-
  private:
   // Calls `visit` for every leaf of the tree rooted at `bytenr`.
   void WalkLeaves(uint64_t bytenr, uint64_t generation, int level,

@@ -65,7 +65,6 @@ namespace block {
 constexpr size_t kFsid = 32;
 constexpr size_t kBytenr = 48;
 constexpr size_t kGeneration = 80;
-constexpr size_t kOwner = 88;
 constexpr size_t kNritems = 96;
 constexpr size_t kLevel = 100;
 constexpr size_t kHeaderSize = 101;
@@ -94,7 +93,6 @@ constexpr size_t kType = 20;
 constexpr size_t kDiskBytenr = 21;
 constexpr size_t kDiskNumBytes = 29;
 constexpr size_t kSizeWithDisk = 53;
-constexpr uint8_t kInline = 0;
 constexpr uint8_t kRegular = 1;
 constexpr uint8_t kPrealloc = 2;
 }  // namespace file_extent

@@ -23,7 +23,6 @@ class ProgressPrinter {
   void Estimate(uint64_t total);
   // Raises the estimate to at least `total`; a larger one stays.
   void RaiseEstimate(uint64_t total);
-  uint64_t CurrentEstimate() const { return estimate_; }
   // Records `bytes` more work done.
   void Advance(uint64_t bytes);
   // The work is complete: the estimate becomes what was done.

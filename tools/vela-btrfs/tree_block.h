@@ -26,7 +26,6 @@ class TreeBlock {
 
   int Level() const { return data_[block::kLevel]; }
   uint32_t ItemCount() const { return Le32(data_ + block::kNritems); }
-  uint64_t Generation() const { return Le64(data_ + block::kGeneration); }
 
   // Nodes (level > 0): the i-th child pointer.
   struct ChildPointer {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "disk_format.h"
 #include "provider_error.h"
@@ -107,9 +108,10 @@ UsageFigures MeasureUsage(const CommittedFileSystem& fs, const std::vector<uint6
     levels[root.level].push_back(BlockRef{root.bytenr, root.generation, reach});
   }
   if (found != ids.size()) {
+    std::unordered_set<uint64_t> live;
+    for (const SubvolumeRoot& root : fs.Subvolumes()) live.insert(root.id);
     for (uint64_t id : ids) {
-      const auto& all = fs.Subvolumes();
-      if (!std::any_of(all.begin(), all.end(), [id](const SubvolumeRoot& r) { return r.id == id; })) {
+      if (live.count(id) == 0) {
         Fail(ProviderError::Kind::kRefused, "no subvolume with root ID %llu", static_cast<unsigned long long>(id));
       }
     }
