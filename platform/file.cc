@@ -11,38 +11,14 @@
 #include <string>
 #include <vector>
 
-#include "fd_guard.h"
+#include "base/atomic_file.h"
+#include "base/fd_io.h"
+#include "base/unique_fd.h"
 #include "vela/vlib_error.h"
 
 namespace {
 
-using vela::platform::FdGuard;
-
-bool WriteAll(int fd, const char* data, size_t size) {
-  while (size > 0) {
-    const ssize_t n = write(fd, data, size);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
-bool CopyContent(int from, int to) {
-  char buffer[64 * 1024];
-  for (;;) {
-    const ssize_t n = read(from, buffer, sizeof(buffer));
-    if (n == 0) return true;
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    if (!WriteAll(to, buffer, static_cast<size_t>(n))) return false;
-  }
-}
+using vela::base::UniqueFd;
 
 std::string DirName(const std::string& path) {
   const auto slash = path.find_last_of('/');
@@ -124,7 +100,7 @@ int VELAFileCopy(const char* src, const char* dst, int flags) {
     VLIBCErrSet(VLIB_ERR_BAD_PARAMETERS);
     return -1;
   }
-  FdGuard in(open(src, O_RDONLY | O_CLOEXEC));
+  UniqueFd in(open(src, O_RDONLY | O_CLOEXEC));
   if (in.Get() < 0) {
     VLIBCErrSet(errno == ENOENT ? VLIB_ERR_NOT_FOUND : VLIB_ERR_SYSTEM);
     return -1;
@@ -141,24 +117,13 @@ int VELAFileCopy(const char* src, const char* dst, int flags) {
   // The new content is written beside the destination, on the same file
   // system, so that rename() can put it in place in one step.
   const std::string destination = dst;
-  std::string temp = DirName(destination) + "/." + BaseName(destination) + ".XXXXXX";
-  FdGuard out(mkostemp(temp.data(), O_CLOEXEC));
-  if (out.Get() < 0) {
-    VLIBCErrSet(VLIB_ERR_SYSTEM);
-    return -1;
-  }
-  const bool written = CopyContent(in.Get(), out.Get()) && fchmod(out.Get(), st.st_mode & 07777) == 0 &&
-                       fsync(out.Get()) == 0 && close(out.Release()) == 0 &&
-                       rename(temp.c_str(), destination.c_str()) == 0;
+  UniqueFd dir(open(DirName(destination).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const bool written =
+      dir.Get() >= 0 && vela::base::AtomicReplace(dir.Get(), BaseName(destination), {st.st_mode & 07777},
+                                                  [&](int out) { return vela::base::CopyToEnd(in.Get(), out); });
   if (!written) {
-    const int saved = errno;
-    unlink(temp.c_str());
-    errno = saved;
     VLIBCErrSet(VLIB_ERR_SYSTEM);
     return -1;
   }
-  // The rename itself is made durable by syncing the directory that holds it.
-  FdGuard parent(open(DirName(destination).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (parent.Get() >= 0) fsync(parent.Get());
   return 0;
 }

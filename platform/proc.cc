@@ -16,14 +16,14 @@
 #include <string>
 #include <vector>
 
-#include "fd_guard.h"
+#include "base/unique_fd.h"
 #include "vela/vlib_error.h"
 
 extern char** environ;
 
 namespace {
 
-using vela::platform::FdGuard;
+using vela::base::UniqueFd;
 
 // Streams opened here and the programs behind them. VLIBCPclose only acts
 // on a stream found here, so a second close, or a FILE* that came from
@@ -66,7 +66,7 @@ ssize_t ReadFull(int fd, void* buffer, size_t size) {
 // of them (a caller that closed its standard streams gets them from
 // pipe()): dup2() onto itself would keep O_CLOEXEC, and moving one could
 // overwrite another. So it is moved to 3 or above first.
-bool MoveAboveStdio(FdGuard& fd) {
+bool MoveAboveStdio(UniqueFd& fd) {
   if (fd.Get() >= 3) return true;
   const int moved = fcntl(fd.Get(), F_DUPFD_CLOEXEC, 3);
   if (moved < 0) return false;
@@ -183,15 +183,15 @@ FILE* Popen(const char* path, const char* mode, char* const argv[]) {
     VLIBCErrSet(VLIB_ERR_SYSTEM);
     return nullptr;
   }
-  FdGuard ours(reading ? fds[0] : fds[1]);
-  FdGuard theirs(reading ? fds[1] : fds[0]);
+  UniqueFd ours(reading ? fds[0] : fds[1]);
+  UniqueFd theirs(reading ? fds[1] : fds[0]);
   if (pipe2(fds, O_CLOEXEC) != 0) {
     VLIBCErrSet(VLIB_ERR_SYSTEM);
     return nullptr;
   }
-  FdGuard errorRead(fds[0]);
-  FdGuard errorWrite(fds[1]);
-  FdGuard null(reading ? open("/dev/null", O_RDONLY | O_CLOEXEC) : -1);
+  UniqueFd errorRead(fds[0]);
+  UniqueFd errorWrite(fds[1]);
+  UniqueFd null(reading ? open("/dev/null", O_RDONLY | O_CLOEXEC) : -1);
   if ((reading && null.Get() < 0) || !MoveAboveStdio(theirs) || !MoveAboveStdio(errorWrite) ||
       (reading && !MoveAboveStdio(null))) {
     VLIBCErrSet(VLIB_ERR_SYSTEM);
@@ -308,8 +308,8 @@ pid_t VLIBCProcForkChildNoWait(void) {
     VLIBCErrSet(VLIB_ERR_SYSTEM);
     return -1;
   }
-  FdGuard pidRead(fds[0]);
-  FdGuard pidWrite(fds[1]);
+  UniqueFd pidRead(fds[0]);
+  UniqueFd pidWrite(fds[1]);
   const long maxFd = MaxFd();
 
   pid_t child;

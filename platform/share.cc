@@ -17,7 +17,7 @@
 #include <utility>
 #include <vector>
 
-#include "fd_guard.h"
+#include "base/unique_fd.h"
 #include "mounts.h"
 #include "vela/vela_volume.h"
 #include "vela/vlib_error.h"
@@ -31,7 +31,7 @@ struct _tag_VELASNAPSELECTOR {
 
 namespace {
 
-using vela::platform::FdGuard;
+using vela::base::UniqueFd;
 
 constexpr char kSnapshotRoot[] = "@snapshots";
 constexpr mode_t kSnapshotDirMode = 0755;
@@ -68,18 +68,18 @@ bool IsEntryName(const char* name) {
 // snapshot root among them), never shares.
 bool IsShareName(const char* name) { return IsEntryName(name) && name[0] != '.' && name[0] != '@'; }
 
-FdGuard OpenDir(const char* path) { return FdGuard(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC)); }
+UniqueFd OpenDir(const char* path) { return UniqueFd(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC)); }
 
 // The subvolume `name` right in directory `dirFd` (a link is no subvolume
 // here), opened; -1 when it is none.
 int OpenSubvolume(int dirFd, const char* name) {
-  FdGuard fd(openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  UniqueFd fd(openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (fd.Get() < 0 || btrfs_util_is_subvolume_fd(fd.Get()) != BTRFS_UTIL_OK) return -1;
   return fd.Release();
 }
 
 bool IsReadOnlySubvolume(int dirFd, const char* name) {
-  FdGuard fd(OpenSubvolume(dirFd, name));
+  UniqueFd fd(OpenSubvolume(dirFd, name));
   bool readOnly = false;
   return fd.Get() >= 0 && btrfs_util_get_subvolume_read_only_fd(fd.Get(), &readOnly) == BTRFS_UTIL_OK &&
          readOnly;
@@ -89,7 +89,7 @@ bool IsReadOnlySubvolume(int dirFd, const char* name) {
 bool EntryNames(int dirFd, std::vector<std::string>* names) {
   // A descriptor of its own: closedir() closes it, and it reads from the
   // start whatever was read through `dirFd`.
-  FdGuard fd(openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  UniqueFd fd(openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   DIR* dir = fd.Get() >= 0 ? fdopendir(fd.Get()) : nullptr;
   if (dir == nullptr) return false;
   fd.Release();
@@ -106,11 +106,11 @@ bool EntryNames(int dirFd, std::vector<std::string>* names) {
 
 // The share names of one volume, in byte order.
 bool ShareNames(const Volume& volume, std::vector<std::string>* names) {
-  FdGuard dir(OpenDir(volume.path.c_str()));
+  UniqueFd dir(OpenDir(volume.path.c_str()));
   std::vector<std::string> entries;
   if (dir.Get() < 0 || !EntryNames(dir.Get(), &entries)) return false;
   for (const std::string& name : entries) {
-    FdGuard share(IsShareName(name.c_str()) ? OpenSubvolume(dir.Get(), name.c_str()) : -1);
+    UniqueFd share(IsShareName(name.c_str()) ? OpenSubvolume(dir.Get(), name.c_str()) : -1);
     if (share.Get() >= 0) names->push_back(name);
   }
   return true;
@@ -242,7 +242,7 @@ bool PassesAll(const VELASNAPSELECTOR* selectors, const char* name) {
 
 int SnapList(const VELASHARE* share, PVLIBSZLIST* ppNames, const VELASNAPSELECTOR* selectors) {
   const std::string dirPath = SnapshotDir(share);
-  FdGuard dir(OpenDir(dirPath.c_str()));
+  UniqueFd dir(OpenDir(dirPath.c_str()));
   if (dir.Get() < 0) {
     if (errno == ENOENT) return 0;
     VLIBCErrSet(VLIB_ERR_SYSTEM);
@@ -269,17 +269,17 @@ int SnapList(const VELASHARE* share, PVLIBSZLIST* ppNames, const VELASNAPSELECTO
 }
 
 // Creates the snapshot directory and returns it opened.
-FdGuard MakeSnapshotDir(const VELASHARE* share) {
-  FdGuard volume(OpenDir(share->szVolPath));
-  if (volume.Get() < 0 || !EnsureDir(volume.Get(), kSnapshotRoot)) return FdGuard();
-  FdGuard root(openat(volume.Get(), kSnapshotRoot, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (root.Get() < 0 || !EnsureDir(root.Get(), share->szName)) return FdGuard();
-  return FdGuard(openat(root.Get(), share->szName, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+UniqueFd MakeSnapshotDir(const VELASHARE* share) {
+  UniqueFd volume(OpenDir(share->szVolPath));
+  if (volume.Get() < 0 || !EnsureDir(volume.Get(), kSnapshotRoot)) return UniqueFd();
+  UniqueFd root(openat(volume.Get(), kSnapshotRoot, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (root.Get() < 0 || !EnsureDir(root.Get(), share->szName)) return UniqueFd();
+  return UniqueFd(openat(root.Get(), share->szName, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
 // The share's subvolume, opened; -1 with the error set when it is gone.
 int OpenShare(const VELASHARE* share) {
-  FdGuard volume(OpenDir(share->szVolPath));
+  UniqueFd volume(OpenDir(share->szVolPath));
   const int fd = volume.Get() >= 0 ? OpenSubvolume(volume.Get(), share->szName) : -1;
   if (fd < 0) VLIBCErrSet(VLIB_ERR_NOT_FOUND);
   return fd;
@@ -306,8 +306,8 @@ int VELAShareGet(const char* szName, PVELASHARE* ppShare) {
     }
     for (const Volume& volume : volumes) {
       if (!volume.btrfs) continue;
-      FdGuard dir(OpenDir(volume.path.c_str()));
-      FdGuard share(dir.Get() >= 0 ? OpenSubvolume(dir.Get(), szName) : -1);
+      UniqueFd dir(OpenDir(volume.path.c_str()));
+      UniqueFd share(dir.Get() >= 0 ? OpenSubvolume(dir.Get(), szName) : -1);
       if (share.Get() < 0) continue;
       auto* record = static_cast<PVELASHARE>(calloc(1, sizeof(VELASHARE)));
       if (record == nullptr) {
@@ -429,9 +429,9 @@ int VELAShareSnapGetOrCreateSnapDir(PVELASHARE pShare, char* buf, int size, int 
     }
     // Only for a share that is there: a stale record must not leave
     // directories on whatever now lies at its volume's path.
-    FdGuard share(OpenShare(pShare));
+    UniqueFd share(OpenShare(pShare));
     if (share.Get() < 0) return -1;
-    FdGuard dir(MakeSnapshotDir(pShare));
+    UniqueFd dir(MakeSnapshotDir(pShare));
     if (dir.Get() < 0) {
       VLIBCErrSet(VLIB_ERR_SYSTEM);
       return -1;
@@ -483,7 +483,7 @@ int VELAShareCreate(int volume, const char* szName) {
       VLIBCErrSet(VLIB_ERR_EXISTS);
       return -1;
     }
-    FdGuard dir(OpenDir(found->path.c_str()));
+    UniqueFd dir(OpenDir(found->path.c_str()));
     struct stat st;
     if (dir.Get() >= 0 && fstatat(dir.Get(), szName, &st, AT_SYMLINK_NOFOLLOW) == 0) {
       VLIBCErrSet(VLIB_ERR_EXISTS);
@@ -508,9 +508,9 @@ int VELAShareSnapCreate(PVELASHARE pShare, const char* szSnapName) {
     return -1;
   }
   try {
-    FdGuard share(OpenShare(pShare));
+    UniqueFd share(OpenShare(pShare));
     if (share.Get() < 0) return -1;
-    FdGuard dir(MakeSnapshotDir(pShare));
+    UniqueFd dir(MakeSnapshotDir(pShare));
     if (dir.Get() < 0) {
       VLIBCErrSet(VLIB_ERR_SYSTEM);
       return -1;
@@ -539,7 +539,7 @@ int VELAShareSnapDelete(PVELASHARE pShare, const char* szSnapName) {
     return -1;
   }
   try {
-    FdGuard dir(OpenDir(SnapshotDir(pShare).c_str()));
+    UniqueFd dir(OpenDir(SnapshotDir(pShare).c_str()));
     // Only what listing shows is a snapshot; anything else of that name in
     // the directory is not this call's to delete.
     if (dir.Get() < 0 || !IsReadOnlySubvolume(dir.Get(), szSnapName)) {

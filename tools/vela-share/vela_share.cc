@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "base/sz_list.h"
 #include "vela/vela_share.h"
 #include "vela/vela_volume.h"
 #include "vela/vlib_error.h"
@@ -95,10 +96,9 @@ PVELASHARE FindShare(const char* name) {
 }
 
 int List() {
-  PVLIBSZLIST names = VLIBCSzListAlloc(16);
-  if (names == nullptr || VELAShareEnum(&names, 0) < 0) {
+  vela::base::SzList names;
+  if (!names.Ok() || VELAShareEnum(names.Address(), 0) < 0) {
     fprintf(stderr, "vela-share: cannot list shares: %s\n", SystemReason().c_str());
-    VLIBCSzListFree(names);
     return kExitFailed;
   }
   int status = kExitOk;
@@ -106,13 +106,13 @@ int List() {
   // A name on two volumes (made by hand) is one share to the module: the
   // one on the lowest volume. It is listed once, with a warning.
   std::set<std::string> listed;
-  for (int i = 0; i < names->nItem; ++i) {
-    if (!listed.insert(names->pszItem[i]).second) {
+  for (int i = 0; i < names.Count(); ++i) {
+    if (!listed.insert(names.At(i)).second) {
       fprintf(stderr, "vela-share: warning: share name \"%s\" is on more than one volume; the one on the lowest volume is used\n",
-              names->pszItem[i]);
+              names.At(i));
       continue;
     }
-    PVELASHARE share = FindShare(names->pszItem[i]);
+    PVELASHARE share = FindShare(names.At(i));
     if (share == nullptr) {
       status = kExitFailed;
       continue;
@@ -120,7 +120,6 @@ int List() {
     printf("%s\t%s\t%s\n", share->szName, share->szVolPath, share->szPath);
     VELAShareFree(share);
   }
-  VLIBCSzListFree(names);
   return status;
 }
 
@@ -202,24 +201,23 @@ int Snapshot(const char* shareName, const char* snapName) {
 int Snapshots(const char* shareName) {
   PVELASHARE share = FindShare(shareName);
   if (share == nullptr) return kExitFailed;
-  PVLIBSZLIST names = VLIBCSzListAlloc(16);
+  vela::base::SzList names;
   int status = kExitOk;
-  if (names == nullptr || VELAShareSnapList(share, &names, nullptr) < 0) {
+  if (!names.Ok() || VELAShareSnapList(share, names.Address(), nullptr) < 0) {
     fprintf(stderr, "vela-share: cannot list the snapshots of share \"%s\": %s\n", shareName,
             SystemReason().c_str());
     status = kExitFailed;
   } else {
     tzset();
-    for (int i = 0; i < names->nItem; ++i) {
+    for (int i = 0; i < names.Count(); ++i) {
       time_t when = 0;
-      VELAShareSnapTimeGet(names->pszItem[i], &when);  // listed names always parse
+      VELAShareSnapTimeGet(names.At(i), &when);  // listed names always parse
       struct tm local;
       char text[64] = "";
       if (localtime_r(&when, &local) != nullptr) strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S %z", &local);
-      printf("%s\t%lld\t%s\n", names->pszItem[i], static_cast<long long>(when), text);
+      printf("%s\t%lld\t%s\n", names.At(i), static_cast<long long>(when), text);
     }
   }
-  VLIBCSzListFree(names);
   VELAShareFree(share);
   return status;
 }

@@ -14,10 +14,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
-#include <memory>
-#include <sstream>
 #include <string>
 
+#include "base/json_text.h"
 #include "vela/webapi.h"
 
 #ifndef VELA_MODULE_BUILD_PATH
@@ -60,23 +59,12 @@ std::string DefaultModule() {
 }
 
 bool ParseParams(const std::string& text, Json::Value& params, std::string& error) {
-  Json::CharReaderBuilder builder;
-  builder["failIfExtra"] = true;
-  builder["rejectDupKeys"] = true;
-  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-  if (!reader->parse(text.data(), text.data() + text.size(), &params, &error)) return false;
+  if (!vela::base::ParseJsonText(text, params, error)) return false;
   if (!params.isObject()) {
     error = "parameters must be a JSON object";
     return false;
   }
   return true;
-}
-
-std::string Compact(const Json::Value& value) {
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  builder["emitUTF8"] = true;
-  return Json::writeString(builder, value);
 }
 
 bool ParseVersion(const char* text, unsigned long& version) {
@@ -148,7 +136,7 @@ int main(int argc, char** argv) {
 
   // Printed by hand so that "success" comes first, as clients expect to see it.
   if (response.IsSuccess()) {
-    printf("{\"success\":true,\"data\":%s}\n", Compact(response.GetData()).c_str());
+    printf("{\"success\":true,\"data\":%s}\n", vela::base::CompactJson(response.GetData()).c_str());
     return kExitSuccessAnswer;
   }
   printf("{\"success\":false,\"error\":{\"code\":%d}}\n", response.GetErrorCode());

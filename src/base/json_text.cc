@@ -1,0 +1,66 @@
+#include "base/json_text.h"
+
+#include <memory>
+
+namespace vela::base {
+
+namespace {
+
+// The deepest nesting of arrays and objects in `text`, strings skipped;
+// stops counting once past `limit`.
+int NestingDepth(const std::string& text, int limit) {
+  int depth = 0;
+  int deepest = 0;
+  bool inString = false;
+  for (size_t i = 0; i < text.size() && deepest <= limit; ++i) {
+    const char c = text[i];
+    if (inString) {
+      if (c == '\\') {
+        ++i;
+      } else if (c == '"') {
+        inString = false;
+      }
+    } else if (c == '"') {
+      inString = true;
+    } else if (c == '[' || c == '{') {
+      deepest = std::max(deepest, ++depth);
+    } else if ((c == ']' || c == '}') && depth > 0) {
+      --depth;
+    }
+  }
+  return deepest;
+}
+
+}  // namespace
+
+bool ParseJsonText(const std::string& text, Json::Value& out, std::string& error) {
+  if (NestingDepth(text, kMaxJsonDepth) > kMaxJsonDepth) {
+    error = "nested deeper than " + std::to_string(kMaxJsonDepth) + " levels";
+    return false;
+  }
+  Json::CharReaderBuilder builder;
+  builder["collectComments"] = false;
+  builder["failIfExtra"] = true;
+  builder["rejectDupKeys"] = true;
+  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  try {
+    Json::Value value;
+    if (!reader->parse(text.data(), text.data() + text.size(), &value, &error)) return false;
+    out = std::move(value);
+    return true;
+  } catch (const Json::Exception& e) {
+    // The parser reports some limits by throwing; they are malformed input
+    // like any other.
+    error = e.what();
+    return false;
+  }
+}
+
+std::string CompactJson(const Json::Value& value) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  builder["emitUTF8"] = true;
+  return Json::writeString(builder, value);
+}
+
+}  // namespace vela::base
