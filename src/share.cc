@@ -7,9 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "base/numbers.h"
+#include "base/sz_list.h"
 #include "privileged_section.h"
 #include "vela/vlib_error.h"
-#include "vela/vlib_szlist.h"
 #include "velabtrfssnapusage/reminder.h"
 #include "velabtrfssnapusage/share_snap_usage_cal.h"
 #include "velabtrfssnapusage/share_task_status.h"
@@ -30,13 +31,7 @@ constexpr int kErrorNoSnapshotInRange = 5001;
 constexpr int kErrorShareBusy = 5002;
 
 using Request = VELA::APIRequest;
-
-// Frees a string list on every way out, whatever the variable holds then
-// (a push may move the list).
-struct ListGuard {
-  PVLIBSZLIST& list;
-  ~ListGuard() { VLIBCSzListFree(list); }
-};
+using VelaBtrfsUsage::ShareSnapUsageCal;
 
 VELA::APIParameter<std::string> FetchShareName(const Request& request) {
   return request.GetAndCheckString("share_name", Request::PARAM_REQUIRED, Utils::IsNotEmpty);
@@ -62,6 +57,13 @@ bool ReadTime(const Json::Value& value, long& t) {
   return false;
 }
 
+// A byte count as stored, when it converts; a damaged one is left out of
+// the answer rather than failing it.
+bool ReadBytes(VelaBtrfsUsage::TaskStatus& status, TASKSTATUS_ATTR attr, uint64_t& bytes) {
+  std::string text;
+  return status.GetStatusAttr(attr, text) == 0 && vela::base::ParseUnsignedAnyBase(text, bytes);
+}
+
 // The attribute as seconds, when it can be read; false (and a failure
 // answer) when it exists but does not convert.
 bool AddTime(VelaBtrfsUsage::ShareTaskStatus& status, TASKSTATUS_ATTR attr, const char* key,
@@ -76,24 +78,28 @@ bool AddTime(VelaBtrfsUsage::ShareTaskStatus& status, TASKSTATUS_ATTR attr, cons
 
 // The report of one share: 0 with the answer set, or the code to answer.
 int BuildReport(const std::string& name, PVLIBSZLIST* names, VELA::APIResponse* response) {
-  using VelaBtrfsUsage::ShareSnapUsageCal;
   VelaBtrfsUsage::ShareTaskStatus status;
   if (!status.Init(name, false)) return kErrorFailure;
   Json::Value report;
   std::string text;
-  if (status.GetStatusAttr(TASKSTATUS_ATTR_STATUS, text) == 0) report["status"] = text;
+  if (status.GetStatusAttr(TASKSTATUS_ATTR_STATUS, text) == 0) {
+    // A calculation whose process is gone has ended, whatever it recorded.
+    CAL_TASK_STATUS state;
+    if ((text == "ready" || text == "process") && ShareSnapUsageCal::GetShareState(name, state) == 0 &&
+        state == CAL_TASK_STATUS_FAIL) {
+      text = "fail";
+    }
+    report["status"] = text;
+  }
   if (!AddTime(status, TASKSTATUS_ATTR_START_TIME, "start_task", report) ||
       !AddTime(status, TASKSTATUS_ATTR_END_TIME, "end_task", report) ||
       !AddTime(status, TASKSTATUS_ATTR_RANGE_START, "range_start", report) ||
       !AddTime(status, TASKSTATUS_ATTR_RANGE_END, "range_end", report)) {
     return kErrorFailure;
   }
-  if (status.GetStatusAttr(TASKSTATUS_ATTR_PROCESSED_IN_BYTES, text) == 0) {
-    report["processed_in_bytes"] = static_cast<Json::UInt64>(std::stoull(text, nullptr, 0));
-  }
-  if (status.GetStatusAttr(TASKSTATUS_ATTR_ESTIMATED_IN_BYTES, text) == 0) {
-    report["estimated_in_bytes"] = static_cast<Json::UInt64>(std::stoull(text, nullptr, 0));
-  }
+  uint64_t bytes = 0;
+  if (ReadBytes(status, TASKSTATUS_ATTR_PROCESSED_IN_BYTES, bytes)) report["processed_in_bytes"] = Json::UInt64(bytes);
+  if (ReadBytes(status, TASKSTATUS_ATTR_ESTIMATED_IN_BYTES, bytes)) report["estimated_in_bytes"] = Json::UInt64(bytes);
   std::vector<unsigned long long> usage;
   std::vector<unsigned long long> ids;
   int code = ShareSnapUsageCal::GetShareSnapAccumUsageVtr(name, usage);
@@ -134,6 +140,12 @@ void Share::Start(VELA::APIRequest* request, VELA::APIResponse* response) {
   }
   int result = 0;
   {
+    // A start that cannot run is refused before anything is created: the
+    // share stays free and its last report readable.
+    PrivilegedSection elevated;
+    result = ShareSnapUsageCal::CheckLaunch(shareName.Get(), &start, &end);
+  }
+  if (result == 0) {
     PrivilegedSection elevated;
     result = manager.CreateTask(shareName.Get());
   }
@@ -158,26 +170,25 @@ void Share::Status(VELA::APIRequest* request, VELA::APIResponse* response) {
   // "additional" is never tested: absent, it simply asks for nothing more.
   const auto additional = request->GetAndCheckArray("additional", Request::PARAM_REQUIRED, nullptr);
   VelaBtrfsUsage::ShareTaskStatus status;
-  PVLIBSZLIST shares = VLIBCSzListAlloc(1024);
-  if (shares == nullptr) {
+  vela::base::SzList shares;
+  if (!shares.Ok()) {
     syslog(LOG_ERR, "%s:%d VLIBCSzListAlloc failed. [0x%04X %s:%d]", kLogSource, __LINE__, VLIBCErrGet(),
            VLIBCErrorGetFile(), VLIBCErrorGetLine());
     response->SetError(kErrorFailure, Json::Value());
     return;
   }
-  const ListGuard freeShares{shares};
   BOOL listed = FALSE;
   {
     PrivilegedSection elevated;
-    listed = VelaBtrfsUsage::ShareSnapUsageCal::GetShareTaskList(&shares);
+    listed = ShareSnapUsageCal::GetShareTaskList(shares.Address());
   }
   if (!listed) {
     response->SetError(kErrorFailure, Json::Value());
     return;
   }
   Json::Value shareList(Json::arrayValue);
-  for (int i = 0; i < shares->nItem; ++i) {
-    const std::string name = VLIBCSzListGet(shares, i);
+  for (int i = 0; i < shares.Count(); ++i) {
+    const std::string name = shares.At(i);
     Json::Value element;
     CAL_TASK_STATUS state;
     int got = 0;
@@ -186,8 +197,9 @@ void Share::Status(VELA::APIRequest* request, VELA::APIResponse* response) {
       status.Init(name, false);
     }
     {
+      // A calculation whose process is gone reads as ended ("fail").
       PrivilegedSection elevated;
-      got = status.GetCalculatorStatus(state);
+      got = ShareSnapUsageCal::GetShareState(name, state);
     }
     if (got != 0) {
       syslog(LOG_DEBUG, "%s:%d Failed to get calculator status for share [%s]", kLogSource, __LINE__,
@@ -209,8 +221,8 @@ void Share::Status(VELA::APIRequest* request, VELA::APIResponse* response) {
     element["status"] = stateText;
     bool haveProcessed = false;
     bool haveEstimated = false;
-    unsigned long long processed = 0;
-    unsigned long long estimated = 0;
+    uint64_t processed = 0;
+    uint64_t estimated = 0;
     for (const Json::Value& wanted : additional.Get()) {
       TASKSTATUS_ATTR attr;
       if (!wanted.isString() ||
@@ -224,15 +236,19 @@ void Share::Status(VELA::APIRequest* request, VELA::APIResponse* response) {
       }
       if (got != 0) continue;
       switch (attr) {
+        // A byte count that does not convert is left out of this share's
+        // answer; the other shares are answered as usual.
         case TASKSTATUS_ATTR_PROCESSED_IN_BYTES:
-          processed = std::stoull(text, nullptr, 0);
-          haveProcessed = true;
-          element["processed_in_bytes"] = static_cast<Json::UInt64>(processed);
+          if (vela::base::ParseUnsignedAnyBase(text, processed)) {
+            haveProcessed = true;
+            element["processed_in_bytes"] = static_cast<Json::UInt64>(processed);
+          }
           break;
         case TASKSTATUS_ATTR_ESTIMATED_IN_BYTES:
-          estimated = std::stoull(text, nullptr, 0);
-          haveEstimated = true;
-          element["estimated_in_bytes"] = static_cast<Json::UInt64>(estimated);
+          if (vela::base::ParseUnsignedAnyBase(text, estimated)) {
+            haveEstimated = true;
+            element["estimated_in_bytes"] = static_cast<Json::UInt64>(estimated);
+          }
           break;
         case TASKSTATUS_ATTR_RANGE_START:
         case TASKSTATUS_ATTR_RANGE_END: {
@@ -268,16 +284,15 @@ void Share::GetReport(VELA::APIRequest* request, VELA::APIResponse* response) {
     return;
   }
   const std::string& name = shareName.Get();
-  PVLIBSZLIST names = VLIBCSzListAlloc(1024);
-  if (names == nullptr) {
+  vela::base::SzList names;
+  if (!names.Ok()) {
     syslog(LOG_ERR, "%s:%d VLIBCSzListAlloc failed. [0x%04X %s:%d]", kLogSource, __LINE__, VLIBCErrGet(),
            VLIBCErrorGetFile(), VLIBCErrorGetLine());
     response->SetError(kErrorFailure, Json::Value());
     return;
   }
-  const ListGuard freeNames{names};
   // Runs with the ids the server gave the request: no privileged section.
-  const int code = BuildReport(name, &names, response);
+  const int code = BuildReport(name, names.Address(), response);
   if (code != 0) response->SetError(code, Json::Value());
 }
 
@@ -290,7 +305,7 @@ void Share::Cancel(VELA::APIRequest* request, VELA::APIResponse* response) {
   int result = 0;
   {
     PrivilegedSection elevated;
-    result = VelaBtrfsUsage::ShareSnapUsageCal::Stop(shareName.Get());
+    result = ShareSnapUsageCal::Stop(shareName.Get());
   }
   if (result == 0) {
     response->SetSuccess(Json::Value());
@@ -307,7 +322,7 @@ void Share::Clean(VELA::APIRequest* request, VELA::APIResponse* response) {
   }
   {
     PrivilegedSection elevated;
-    VelaBtrfsUsage::ShareSnapUsageCal::CleanAll(shareName.Get());
+    ShareSnapUsageCal::CleanAll(shareName.Get());
   }
   // A clean-up is answered as done whatever it met on the way.
   response->SetSuccess(Json::Value());

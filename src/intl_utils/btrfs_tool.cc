@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <linux/btrfs.h>
+#include <poll.h>
 #include <stdlib.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -9,9 +10,12 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <memory>
+#include <set>
 #include <vector>
 
+#include "base/numbers.h"
 #include "intl_utils/file_names.h"
 #include "intl_utils/log.h"
 #include "vela/vlib_file.h"
@@ -19,6 +23,7 @@
 #include "velabtrfssnapusage/file_helpers.h"
 #include "velabtrfssnapusage/share_snapshot.h"
 #include "velabtrfssnapusage/signal_handler.h"
+#include "velabtrfssnapusage/task_result.h"
 
 namespace VelaBtrfsUsage {
 
@@ -28,10 +33,67 @@ constexpr char kLogSource[] = "intl_utils/btrfs_tool";
 constexpr char kBtrfsTool[] = VELA_BTRFS_TOOL_PATH;
 constexpr unsigned long long kFirstFreeObjectId = 256;  // every subvolume's root directory
 constexpr long kBtrfsMagic = 0x9123683E;
+// How long a stopped tool is given to end after SIGTERM before the child
+// gives up on it (and takes its process group down when it ends itself).
+constexpr int kToolStopGraceMs = 2000;
+
+bool gToolAbandoned = false;
+
+long long NowMs() {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// Reads and drops what a stopped tool still prints until it closes its
+// output, for at most kToolStopGraceMs. True when it did: it has ended (or
+// is ending) and can be waited for without hanging the child.
+bool ToolEndsAfterStop(FILE* fp) {
+  const int fd = fileno(fp);
+  const long long deadline = NowMs() + kToolStopGraceMs;
+  char buffer[4096];
+  for (;;) {
+    const long long left = deadline - NowMs();
+    if (left <= 0) return false;
+    struct pollfd watch = {fd, POLLIN, 0};
+    const int ready = poll(&watch, 1, static_cast<int>(left));
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready <= 0) return false;
+    const ssize_t n = read(fd, buffer, sizeof(buffer));
+    if (n == 0) return true;
+    if (n < 0 && errno != EINTR && errno != EAGAIN) return false;
+  }
+}
+
+// Whether the results the parser stored hold a figure for every subvolume
+// the tool was asked about. A tool that ended early (killed, a snapshot
+// deleted or the volume unmounted under it) leaves figures out, and a
+// report without them would be wrong, not short.
+bool ResultsComplete(_tag_VELA_BTRFS_USAGE_CAL_TASK* task, const std::string& taskID, PVLIBSZLIST list,
+                     std::string& missing) {
+  std::vector<unsigned long long> ids;
+  if (TaskResult::GetResultVtr(TASK_RESULT_OPT_SUBVOL_ID, taskID, ids) != TASK_RESULT_SUCCESS) return false;
+  if (task->option != VELA_BTRFS_USAGE_CAL_BY_SUBVOL_ID) {
+    if (ids.size() >= static_cast<size_t>(list->nItem)) return true;
+    missing = std::to_string(list->nItem - ids.size()) + " of the given paths";
+    return false;
+  }
+  const std::set<unsigned long long> reported(ids.begin(), ids.end());
+  for (int i = 0; i < list->nItem; ++i) {
+    uint64_t id = 0;
+    const char* text = VLIBCSzListGet(list, i);
+    if (!vela::base::ParseRootId(text, id) || reported.count(id) == 0) {
+      missing += missing.empty() ? text : std::string(" ") + text;
+    }
+  }
+  return missing.empty();
+}
 
 }  // namespace
 
 volatile sig_atomic_t BtrfsTool::gSignal = 0;
+
+bool BtrfsTool::ToolAbandoned() { return gToolAbandoned; }
 
 int BtrfsTool::CmdExc(_tag_VELA_BTRFS_USAGE_CAL_TASK* task, std::string taskID, PVLIBSZLIST* ppListParam,
                       VELA_FP_PARSER_FN parser, std::string& errMsg, std::string& cmd, void* context) {
@@ -53,9 +115,7 @@ int BtrfsTool::CmdExc(_tag_VELA_BTRFS_USAGE_CAL_TASK* task, std::string taskID, 
     VELA_LOG(LOG_ERR, "%s is not found.", kBtrfsTool);
     return BTRFS_CMD_TOOL_MISSING;
   }
-  signal(SIGTERM, SignalHandler::handleSnapUsageCalulate);
-  // SIGKILL cannot be caught; asking costs nothing and documents the intent.
-  (void)signal(SIGKILL, SignalHandler::handleSnapUsageCalulate);
+  SignalHandler::Install();
 
   const int items = (*ppListParam)->nItem;
   std::vector<char*> argv(static_cast<size_t>(items) + 10, nullptr);
@@ -108,14 +168,29 @@ int BtrfsTool::CmdExc(_tag_VELA_BTRFS_USAGE_CAL_TASK* task, std::string taskID, 
         code = BTRFS_CMD_PARSER_FAIL;
         break;
     }
-    // The tool's own failure is logged; the run's code is the parser's.
-    if (VLIBCPclose(fp) != 0) {
-      VELA_SET_ERROR(VLIB_ERR_OPERATION_FAILED);
-      VELA_LOG(LOG_ERR, "Failed to run\"%s\".", commandLine.c_str());
+    std::string missing;
+    if (code == BTRFS_CMD_SUCCESS && !ResultsComplete(task, taskID, *ppListParam, missing)) {
+      VELA_LOG(LOG_ERR, "The btrfs tool gave no figure for %s, cmd(%s)", missing.c_str(), commandLine.c_str());
+      errMsg = "no figure for " + missing;
+      TaskResult::CleanFile(taskID);
+      code = BTRFS_CMD_PARSER_FAIL;
     }
   }
-  // Closes the stream on the stop path; after the close above it is a
-  // no-op the platform tolerates.
+  if (code == BTRFS_CMD_STOPPED && !ToolEndsAfterStop(fp)) {
+    // The tool ignores the stop: it is not waited for. The child takes it
+    // down with its process group once it has recorded the stop.
+    gToolAbandoned = true;
+    return code;
+  }
+  // The tool's own failure is logged; the run's code is the parser's (a
+  // tool that printed every figure and then failed still gave them all).
+  const int status = VLIBCPclose(fp);
+  if (status != 0) {
+    VELA_SET_ERROR(VLIB_ERR_OPERATION_FAILED);
+    VELA_LOG(LOG_ERR, "Failed to run\"%s\".", commandLine.c_str());
+    VELA_LOG(LOG_WARNING, "The btrfs tool ended with exit status %d, cmd(%s)", status, commandLine.c_str());
+  }
+  // A second close of the same stream: the platform refuses it harmlessly.
   VLIBCPclose(fp);
   return code;
 }

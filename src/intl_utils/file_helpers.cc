@@ -7,7 +7,9 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/sz_list.h"
 #include "intl_utils/log.h"
+#include "intl_utils/state_files.h"
 
 namespace VelaBtrfsUsage::Utils {
 
@@ -18,9 +20,11 @@ constexpr char kLogSource[] = "intl_utils/utils";
 }  // namespace
 
 bool SearchTaskFile(const std::string& prefix, const std::string& dirPath, PVLIBSZLIST* out) {
-  DIR* dir = opendir(dirPath.c_str());
+  vela::base::UniqueFd dirFd = OpenStateDirectory(dirPath, false);
+  DIR* dir = dirFd.Valid() ? fdopendir(dirFd.Get()) : nullptr;
   // A directory that does not exist holds no task files.
   if (dir == nullptr) return true;
+  dirFd.Release();  // the stream owns it now
   bool ok = true;
   while (struct dirent* entry = readdir(dir)) {
     if (entry->d_type != DT_REG) continue;
@@ -40,7 +44,7 @@ bool DeleteCandidateFile(PVLIBSZLIST* paths) {
   if (paths == nullptr || *paths == nullptr) return true;
   for (int i = 0; i < (*paths)->nItem; ++i) {
     const char* path = VLIBCSzListGet(*paths, i);
-    if (unlink(path) != 0 && errno != ENOENT) {
+    if (!RemoveStateFile(path)) {
       VELA_LOG(LOG_ERR, "Failed to unlink file (%s) err:(%s) ", path, strerror(errno));
       return false;
     }
@@ -83,20 +87,19 @@ void FileOrDirClose(int fd, DIR* dir) {
 }
 
 bool HashToJson(PVLIBSZHASH hash, Json::Value& out) {
-  PVLIBSZLIST keys = VLIBCSzListAlloc(1024);
-  if (keys == nullptr) {
+  vela::base::SzList keys;
+  if (!keys.Ok()) {
     VELA_LOG(LOG_ERR, "VLIBCSzListAlloc failed. " VELA_ERR_FMT, VELA_ERR_ARGS);
     return true;
   }
-  if (VLIBCSzHashEnumKey(hash, &keys) < 0) {
+  if (VLIBCSzHashEnumKey(hash, keys.Address()) < 0) {
     VELA_LOG(LOG_ERR, "Failed to enum hash key");
   } else {
-    for (int i = 0; i < keys->nItem; ++i) {
-      const char* key = VLIBCSzListGet(keys, i);
+    for (int i = 0; i < keys.Count(); ++i) {
+      const char* key = keys.At(i);
       if (const char* value = VLIBCSzHashGetValue(hash, key)) out[key] = value;
     }
   }
-  VLIBCSzListFree(keys);
   return true;
 }
 

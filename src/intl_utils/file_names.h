@@ -25,6 +25,20 @@
 #define VELA_REMINDER_RECORD_FILE VELA_PERSISTENT_DIR "/reminder_record"
 #define VELA_REMINDER_RECORD_LOCK VELA_LOCK_DIR "/reminder_record.lock"
 
+// Directories and files of the state are created with exactly these modes
+// (never through the umask): directories root's, readable by all; lock
+// files readable by root and the web server's group only, so that nobody
+// else can hold a lock and hang the module.
+#define VELA_STATE_DIR_MODE 0755
+#define VELA_LOCK_FILE_MODE 0640
+// The group of the web server's processes (the service account's group):
+// they read the share's status and results for get_report, which runs
+// with their ids. When the machine has no such group, lock files are
+// root's alone.
+#ifndef VELA_WEB_SERVER_GROUP
+#error "VELA_WEB_SERVER_GROUP is set by the build"
+#endif
+
 // External programs.
 #define VELA_UUIDGEN_PATH "/usr/bin/uuidgen"
 #ifndef VELA_BTRFS_TOOL_PATH
@@ -44,6 +58,7 @@ inline std::string TaskStatusFile(const std::string& taskID) {
 inline std::string TaskStatusLock(const std::string& taskID) {
   return VELA_TASK_STATUS_LOCK_DIR "/" + taskID + ".lock";
 }
+
 inline std::string ShareTaskStatusFile(const std::string& shareName) {
   return VELA_SHARE_TASK_STATUS_DIR "/" + shareName;
 }
@@ -62,6 +77,11 @@ inline std::string TaskResultLockBase(const std::string& taskID) {
 inline const char* TaskResultSuffix(int opt) {
   return opt == 1 ? ".result" : opt == 2 ? ".subvol_id" : nullptr;
 }
+// Serialises the creation and launch of a share's calculations, and its
+// clean-up. A share name of up to 255 bytes with ".lock" after it does not
+// fit in a directory entry; such names are shortened to a prefix and a
+// hash, which keeps them apart.
+std::string ShareTaskLock(const std::string& shareName);
 // The share's persistent copy of its last results.
 inline std::string ShareResultDir(const std::string& shareName) {
   return VELA_SHARE_TASK_RESULT_DIR "/" + shareName;

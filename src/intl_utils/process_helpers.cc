@@ -1,12 +1,20 @@
 #include "velabtrfssnapusage/process_helpers.h"
 
+#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
+// The C library's header declares these without C linkage for C++.
+extern "C" {
+#include <sys/pidfd.h>
+}
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
+#include "base/fd_io.h"
+#include "base/unique_fd.h"
 #include "intl_utils/file_names.h"
 #include "intl_utils/log.h"
 #include "vela/vlib_proc.h"
@@ -16,20 +24,69 @@ namespace VelaBtrfsUsage::Utils {
 
 namespace {
 
+using vela::base::UniqueFd;
+
 constexpr char kLogSource[] = "intl_utils/utils";
+
+// A pidfd of process `pid` if it is the one that started at `ticks`. The
+// check is made after the pidfd is open, so the two refer to one process:
+// if the PID had been used again, the start time would differ.
+UniqueFd OpenProcessIfSame(pid_t pid, unsigned long long ticks) {
+  if (pid <= 0) {
+    errno = ESRCH;
+    return UniqueFd();
+  }
+  UniqueFd pidfd(pidfd_open(pid, 0));
+  unsigned long long started = 0;
+  if (pidfd.Valid() && (!ProcessStartTicks(pid, started) || started != ticks)) {
+    pidfd.Reset();
+    errno = ESRCH;
+  }
+  return pidfd;
+}
 
 }  // namespace
 
-int ProcessKill(int pid, int signal) {
-  VELA_LOG(LOG_DEBUG, "kill PID (%d) with the signal (%d)", pid, signal);
-  // A process that no longer exists has nothing left to stop.
-  if (pid == -1 || kill(pid, 0) != 0) return 0;
-  if (kill(pid, signal) != 0) {
-    VELA_LOG(LOG_ERR, "Failed to kill PID (%d) with the signal (%d), errno (%s)", pid, signal,
-             strerror(errno));
-    return -1;
+bool ProcessStartTicks(pid_t pid, unsigned long long& ticks) {
+  if (pid <= 0) return false;
+  char path[64];
+  snprintf(path, sizeof(path), "/proc/%d/stat", static_cast<int>(pid));
+  const UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+  std::string stat;
+  if (!fd.Valid() || !vela::base::ReadToEnd(fd.Get(), 4096, stat)) return false;
+  // The command name (field 2) is in parentheses and may hold anything, so
+  // fields are counted from the last ")": the start time is field 22.
+  const auto close = stat.rfind(')');
+  if (close == std::string::npos) return false;
+  const char* p = stat.c_str() + close + 1;
+  for (int field = 3; field < 22; ++field) {
+    p = strchr(p + 1, ' ');
+    if (p == nullptr) return false;
   }
-  return 0;
+  return sscanf(p, " %llu", &ticks) == 1;
+}
+
+bool ProcessIsAlive(pid_t pid, unsigned long long ticks) {
+  unsigned long long started = 0;
+  return ProcessStartTicks(pid, started) && started == ticks;
+}
+
+int SignalProcessIfSame(pid_t pid, unsigned long long ticks, int signal) {
+  const UniqueFd pidfd = OpenProcessIfSame(pid, ticks);
+  if (!pidfd.Valid()) return errno == ESRCH ? 0 : -1;
+  if (pidfd_send_signal(pidfd.Get(), signal, nullptr, 0) == 0) return 1;
+  return errno == ESRCH ? 0 : -1;
+}
+
+bool WaitProcessGone(pid_t pid, unsigned long long ticks, int timeoutMs) {
+  const UniqueFd pidfd = OpenProcessIfSame(pid, ticks);
+  if (!pidfd.Valid()) return errno == ESRCH;
+  // A pidfd turns readable when its process ends.
+  struct pollfd watch = {pidfd.Get(), POLLIN, 0};
+  int ready;
+  while ((ready = poll(&watch, 1, timeoutMs)) < 0 && errno == EINTR) {
+  }
+  return ready > 0;
 }
 
 std::string PIDStringGet() {
@@ -57,6 +114,16 @@ bool UUIDGen(std::string& uuid) {
   }
   if (VLIBCStrTrimSpace(line) != 0) return false;
   uuid = line;
+  return true;
+}
+
+bool IsTaskId(const std::string& text) {
+  if (text.size() != 36) return false;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
+    if (dash ? c != '-' : !((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) return false;
+  }
   return true;
 }
 

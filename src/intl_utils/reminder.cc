@@ -4,7 +4,6 @@
 
 #include "intl_utils/file_names.h"
 #include "intl_utils/log.h"
-#include "intl_utils/make_dirs.h"
 #include "velabtrfssnapusage/json_file.h"
 
 namespace VelaBtrfsUsage::Utils {
@@ -17,7 +16,6 @@ constexpr char kReminderKey[] = "reminder";
 }  // namespace
 
 bool ReminderStatusSet(bool reminder) {
-  if (!VELA_ENSURE_DIRECTORIES(VELA_PERSISTENT_DIR, VELA_LOCK_DIR)) return false;
   int fd = -1;
   bool written = false;
   if (!GeneralFileLock(VELA_REMINDER_RECORD_LOCK, true, fd)) {
@@ -34,7 +32,6 @@ bool ReminderStatusSet(bool reminder) {
 }
 
 bool ReminderStatusGet(bool& reminder) {
-  if (!VELA_ENSURE_DIRECTORIES(VELA_LOCK_DIR)) return false;
   int fd = -1;
   bool found = false;
   if (!GeneralFileLock(VELA_REMINDER_RECORD_LOCK, false, fd)) {

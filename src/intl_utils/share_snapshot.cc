@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "base/sz_list.h"
 #include "intl_utils/log.h"
 #include "vela/vela_volume.h"
 
@@ -51,8 +52,8 @@ bool PostfixPathAppend(const std::string& prefix, PVLIBSZLIST* names, PVLIBSZLIS
 }
 
 int ShareSnapListGet(const std::string& shareName, PVLIBSZLIST* out, Json::Value& selector) {
-  PVLIBSZLIST names = VLIBCSzListAlloc(1024);
-  if (names == nullptr) {
+  vela::base::SzList names;
+  if (!names.Ok()) {
     VELA_LOG(LOG_ERR, "VLIBCSzListAlloc failed. " VELA_ERR_FMT, VELA_ERR_ARGS);
     return -1;
   }
@@ -73,7 +74,7 @@ int ShareSnapListGet(const std::string& shareName, PVLIBSZLIST* out, Json::Value
       }
     }
   }
-  if (VELAShareSnapList(share, &names, selectors) < 0) {
+  if (VELAShareSnapList(share, names.Address(), selectors) < 0) {
     VELA_LOG(LOG_ERR, "Failed to list share(%s) snapshots " VELA_ERR_FMT, shareName.c_str(),
              VELA_ERR_ARGS);
     goto done;
@@ -83,10 +84,9 @@ int ShareSnapListGet(const std::string& shareName, PVLIBSZLIST* out, Json::Value
              VELA_ERR_ARGS);
     goto done;
   }
-  result = PostfixPathAppend(snapDir, &names, out) ? 0 : -1;
+  result = PostfixPathAppend(snapDir, names.Address(), out) ? 0 : -1;
 done:
   VELAShareSnapEnumFree(selectors);
-  VLIBCSzListFree(names);
   VELAShareFree(share);
   return result;
 }

@@ -1,7 +1,8 @@
 #include "velabtrfssnapusage/share_snap_usage_cal.h"
 
+#include <fcntl.h>
 #include <libgen.h>
-#include <sys/stat.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,13 +11,18 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/numbers.h"
+#include "base/record_lock.h"
+#include "base/sz_list.h"
 #include "intl_utils/file_names.h"
 #include "intl_utils/log.h"
+#include "intl_utils/state_files.h"
 #include "vela/vela_share.h"
 #include "vela/vlib_file.h"
 #include "velabtrfssnapusage/btrfs_tool.h"
 #include "velabtrfssnapusage/file_helpers.h"
 #include "velabtrfssnapusage/json_file.h"
+#include "velabtrfssnapusage/process_helpers.h"
 #include "velabtrfssnapusage/share_snapshot.h"
 #include "velabtrfssnapusage/task_result.h"
 #include "velabtrfssnapusage/time_string.h"
@@ -25,6 +31,8 @@ namespace VelaBtrfsUsage {
 
 namespace {
 
+using vela::base::SzList;
+
 constexpr char kLogSource[] = "share_snap_calculator/share_snap_usage_cal";
 constexpr char kMapFile[] = VELA_SHARE_CAL_MAP_FILE;
 constexpr char kMapLock[] = VELA_SHARE_CAL_MAP_LOCK;
@@ -32,44 +40,11 @@ constexpr char kTaskId[] = "task_id";
 constexpr char kTime[] = "time";
 constexpr char kSnapList[] = "snap_list";
 constexpr char kVolumeId[] = "volume_id";
-// The flag word the platform's share enumeration is asked with.
-constexpr int kShareEnumFlags = 0x301;
-
-// A list freed when it goes out of scope.
-class ScopedList {
- public:
-  ScopedList() : list_(VLIBCSzListAlloc(1024)) {
-    if (list_ == nullptr) VELA_LOG(LOG_ERR, "VLIBCSzListAlloc failed. " VELA_ERR_FMT, VELA_ERR_ARGS);
-  }
-  ~ScopedList() { VLIBCSzListFree(list_); }
-  ScopedList(const ScopedList&) = delete;
-  ScopedList& operator=(const ScopedList&) = delete;
-  bool Ok() const { return list_ != nullptr; }
-  PVLIBSZLIST* Address() { return &list_; }
-  PVLIBSZLIST Get() const { return list_; }
-
- private:
-  PVLIBSZLIST list_;
-};
-
-// An exclusive hold of the map lock for one read-modify-write.
-class MapWriteLock {
- public:
-  MapWriteLock() {
-    locked_ = Utils::GeneralFileLock(kMapLock, true, fd_);
-    if (!locked_) VELA_LOG(LOG_ERR, "Failed to lock the file, path: %s, exclusive: %d", kMapLock, 1);
-  }
-  ~MapWriteLock() {
-    if (!Utils::GeneralFileUnlock(fd_)) VELA_LOG(LOG_ERR, "Failed to unlock fd(%d)", fd_);
-  }
-  MapWriteLock(const MapWriteLock&) = delete;
-  MapWriteLock& operator=(const MapWriteLock&) = delete;
-  bool Locked() const { return locked_; }
-
- private:
-  int fd_ = -1;
-  bool locked_ = false;
-};
+// How long a launch waits for its child to record itself, and how long a
+// clean-up waits for a stopped child to end before it is killed.
+constexpr int kWorkerStartWaitMs = 30 * 1000;
+constexpr int kWorkerStopWaitMs = 10 * 1000;
+constexpr int kWorkerKillWaitMs = 2 * 1000;
 
 // The map as read from the file. Anything but an object (a missing or
 // corrupt file) is an empty map.
@@ -100,8 +75,12 @@ const Json::Value& Entry(const Json::Value& map, const std::string& shareName) {
   return entry.isObject() ? entry : kNone;
 }
 
+// The entry's task ID. Only an ID of the form the system makes is taken:
+// it becomes part of file paths. Anything else reads as no task.
 std::string TaskIdOf(const Json::Value& entry) {
-  return entry.isMember(kTaskId) && entry[kTaskId].isString() ? entry[kTaskId].asString() : "";
+  if (!entry.isMember(kTaskId) || !entry[kTaskId].isString()) return "";
+  const std::string id = entry[kTaskId].asString();
+  return Utils::IsTaskId(id) ? id : "";
 }
 
 // The entry of `shareName` in a map being rewritten, made an object.
@@ -112,15 +91,11 @@ Json::Value& WritableEntry(Json::Value& map, const std::string& shareName) {
 }
 
 // Root IDs are stored as decimal text; anything else matches no ID.
-bool ParseRootId(const Json::Value& value, unsigned long long& id) {
-  if (!value.isString()) return false;
-  const std::string text = value.asString();
-  if (text.empty() || text.size() > 20 || text.find_first_not_of("0123456789") != std::string::npos) {
-    return false;
-  }
-  errno = 0;
-  id = strtoull(text.c_str(), nullptr, 10);
-  return errno == 0;
+bool StoredRootId(const Json::Value& value, unsigned long long& id) {
+  uint64_t parsed = 0;
+  if (!value.isString() || !vela::base::ParseRootId(value.asString(), parsed)) return false;
+  id = parsed;
+  return true;
 }
 
 // One locked read-modify-write of the share's map entry.
@@ -130,8 +105,11 @@ int UpdateEntry(const std::string& shareName, Change change) {
     VELA_INVALID_ARGUMENT("!shareName.empty()");
     return SHARE_CAL_INVALID_ARGUMENT;
   }
-  MapWriteLock lock;
-  if (!lock.Locked()) return SHARE_CAL_FAIL;
+  Utils::ScopedFileLock lock(kMapLock, true);
+  if (!lock.Locked()) {
+    VELA_LOG(LOG_ERR, "Failed to lock the file, path: %s, exclusive: %d", kMapLock, 1);
+    return SHARE_CAL_FAIL;
+  }
   Json::Value map = ReadMap();
   change(WritableEntry(map, shareName));
   return Utils::SetJsonAttrByPath(kMapFile, map) ? SHARE_CAL_SUCCESS : SHARE_CAL_FAIL;
@@ -164,38 +142,21 @@ int RecordSnapList(const std::string& shareName, PVLIBSZLIST paths, PVLIBSZLIST 
   });
 }
 
-// Removes the share's entry, and with it the entries of shares that no
-// longer exist on the system.
+// Removes the share's entry. Only that one: a share whose volume is not
+// mounted now is not gone, and keeps its entry and report.
 int RemoveShareFromCalMap(const std::string& shareName) {
   if (shareName.empty()) {
     VELA_INVALID_ARGUMENT("!shareName.empty()");
     return SHARE_CAL_INVALID_ARGUMENT;
   }
-  ScopedList shares;
-  if (!shares.Ok()) return SHARE_CAL_FAIL;
-  if (VELAShareEnum(shares.Address(), kShareEnumFlags) < 0) {
-    VELA_LOG(LOG_ERR, "Fail in VELAShareEnum" VELA_ERR_FMT, VELA_ERR_ARGS);
+  Utils::ScopedFileLock lock(kMapLock, true);
+  if (!lock.Locked()) {
+    VELA_LOG(LOG_ERR, "Failed to lock the file, path: %s, exclusive: %d", kMapLock, 1);
     return SHARE_CAL_FAIL;
   }
-  MapWriteLock lock;
-  if (!lock.Locked()) return SHARE_CAL_FAIL;
   Json::Value map = ReadMap();
-  if (map.empty()) return SHARE_CAL_SUCCESS;
-  // Without an entry of its own nothing is written, not even pruned.
   if (!map.isMember(shareName)) return SHARE_CAL_SUCCESS;
   map.removeMember(shareName);
-  for (const std::string& name : map.getMemberNames()) {
-    bool exists = false;
-    for (int i = 0; i < shares.Get()->nItem && !exists; ++i) {
-      const char* share = VLIBCSzListGet(shares.Get(), i);
-      if (share == nullptr) {
-        VELA_LOG(LOG_ERR, "Failed to get element from list" VELA_ERR_FMT, VELA_ERR_ARGS);
-        return SHARE_CAL_FAIL;
-      }
-      exists = name == share;
-    }
-    if (!exists) map.removeMember(name);
-  }
   return Utils::SetJsonAttrByPath(kMapFile, map) ? SHARE_CAL_SUCCESS : SHARE_CAL_FAIL;
 }
 
@@ -218,6 +179,16 @@ void BuildSnapTimeFilter(Json::Value& filter, long start, long end) {
   filter["time"].append(std::string("<=") + endName);
 }
 
+// Whether `t` can be written as a status time string and read back as the
+// same time: a bound outside that cannot be recorded or filtered on.
+bool TimeFitsStrings(long t) {
+  std::string text;
+  long back = 0;
+  char name[1024] = {};
+  return Utils::Time_tToTimeString(t, text) && Utils::TimeStringToTime_T(text, back) && back == t &&
+         Utils::SnapNameGenerateByTime(name, sizeof(name), t, TRUE) == 0 && name[0] != '\0';
+}
+
 // The share clean-up: results, status record, map entry; each step is
 // tried whatever the one before gave.
 void CleanUpShare(const std::string& shareName) {
@@ -235,27 +206,80 @@ void CleanUpShare(const std::string& shareName) {
   }
 }
 
-bool MakeDirectory(const std::string& path) {
-  if (VLIBCFileCheckDir(path.c_str())) return true;
-  if (mkdir(path.c_str(), 0777) == 0 || errno == EEXIST) return true;
-  VELA_LOG(LOG_ERR, "Faild to mkdir %s, err:(%s)." VELA_ERR_FMT, path.c_str(), strerror(errno), VELA_ERR_ARGS);
-  return false;
+// What is known of whether a calculation still has a process behind it.
+enum class Liveness { kAlive, kGone, kUnknown };
+
+// A pending calculation ("ready") lives while the request creating and
+// launching it holds the share's creation lock.
+Liveness CreationLiveness(const std::string& shareName) {
+  const vela::base::UniqueFd lock = Utils::OpenLockFile(FileNames::ShareTaskLock(shareName), false, 0, 0);
+  if (!lock.Valid()) return errno == ENOENT ? Liveness::kGone : Liveness::kUnknown;
+  const pid_t holder = vela::base::RecordLockHolder(lock.Get());
+  if (holder < 0) return Liveness::kUnknown;
+  return holder > 0 ? Liveness::kAlive : Liveness::kGone;
+}
+
+// A running calculation ("process") lives while the child recorded in the
+// status, named by its PID and start time, runs.
+Liveness ChildLiveness(TaskStatus& status, const std::string& taskID) {
+  // A task's own files go when it ends, and with every restart.
+  if (!taskID.empty() && !TaskStatus::CheckFile(taskID)) return Liveness::kGone;
+  pid_t pid = 0;
+  unsigned long long started = 0;
+  if (!SnapUsageCalculator::ReadWorker(status, pid, started)) return Liveness::kUnknown;
+  return Utils::ProcessIsAlive(pid, started) ? Liveness::kAlive : Liveness::kGone;
+}
+
+// Whether the share's calculation, recorded as `state` ("ready" or
+// "process") in `status`, still has a process behind it. Where nothing can
+// be proven, a map entry younger than two minutes counts as running.
+bool CalculationRunning(const std::string& shareName, TaskStatus& status, CAL_TASK_STATUS state) {
+  std::string taskID;
+  bool expired = false;
+  const int found = ShareSnapUsageCal::FindTaskID(shareName, taskID, expired);
+  if (found == SHARE_CAL_NOT_FOUND) return false;
+  if (found != SHARE_CAL_SUCCESS) return true;  // nothing known: as recorded
+  const Liveness live =
+      state == CAL_TASK_STATUS_READY ? CreationLiveness(shareName) : ChildLiveness(status, taskID);
+  if (live == Liveness::kUnknown) return !expired;
+  return live == Liveness::kAlive;
+}
+
+// Stops the child of `taskID` if one is proven to run it, and waits for it
+// to end: asked with SIGTERM (it records "stop" and ends its tool), then
+// killed if it does not end in time.
+void StopChildAndWait(const std::string& taskID) {
+  TaskStatus record;
+  CAL_TASK_STATUS state;
+  pid_t pid = 0;
+  unsigned long long started = 0;
+  if (!record.Init(taskID, false) || record.GetCalculatorStatus(state) != TASK_STATUS_SUCCESS ||
+      state != CAL_TASK_STATUS_PROCESS || !SnapUsageCalculator::ReadWorker(record, pid, started)) {
+    return;
+  }
+  if (Utils::SignalProcessIfSame(pid, started, SIGTERM) <= 0) return;
+  if (Utils::WaitProcessGone(pid, started, kWorkerStopWaitMs)) return;
+  VELA_LOG_TASK(LOG_ERR, "CleanAll", taskID, "The calculator child [%d] did not stop within %d ms; killing it",
+                static_cast<int>(pid), kWorkerStopWaitMs);
+  if (Utils::SignalProcessIfSame(pid, started, SIGKILL) > 0) Utils::WaitProcessGone(pid, started, kWorkerKillWaitMs);
 }
 
 }  // namespace
 
-bool IsShareNameSafe(const std::string& name) {
-  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
-         name.find('\0') == std::string::npos;
-}
+bool IsShareNameSafe(const std::string& name) { return Utils::IsPathComponent(name); }
 
 ShareSnapUsageCal::ShareSnapUsageCal() = default;
 
 ShareSnapUsageCal::ShareSnapUsageCal(const std::string& taskID) { calculator.Init(taskID); }
 
-ShareSnapUsageCal::~ShareSnapUsageCal() = default;
+ShareSnapUsageCal::~ShareSnapUsageCal() { ReleaseCreationLock(); }
 
 bool ShareSnapUsageCal::Valid() const { return !shareName.empty() && calculator.Valid(); }
+
+void ShareSnapUsageCal::ReleaseCreationLock() {
+  if (!Utils::GeneralFileUnlock(creationLockFd)) VELA_LOG(LOG_ERR, "Failed to unlock fd(%d)", creationLockFd);
+  creationLockFd = -1;
+}
 
 int ShareSnapUsageCal::FindTaskID(const std::string& name, std::string& taskID, bool& expired) {
   if (name.empty()) {
@@ -264,14 +288,11 @@ int ShareSnapUsageCal::FindTaskID(const std::string& name, std::string& taskID, 
   }
   Json::Value map;
   if (LoadShareCalMap(map) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
-  if (!map.isMember(name)) {
-    taskID.clear();
-    return SHARE_CAL_NOT_FOUND;
-  }
-  const Json::Value& entry = Entry(map, name);
-  taskID = TaskIdOf(entry);
+  taskID = TaskIdOf(Entry(map, name));
+  // An entry without a task of the system's making is corrupt: no entry.
+  if (taskID.empty()) return SHARE_CAL_NOT_FOUND;
   // A recording time that is not a number reads as the epoch: long expired.
-  const Json::Value& recorded = entry[kTime];
+  const Json::Value& recorded = Entry(map, name)[kTime];
   const unsigned int recordedAt = recorded.isConvertibleTo(Json::uintValue) ? recorded.asUInt() : 0;
   const time_t now = time(nullptr);
   if (now == static_cast<time_t>(-1)) return SHARE_CAL_FAIL;
@@ -295,7 +316,7 @@ int ShareSnapUsageCal::FindShareNameByTaskID(const std::string& taskID, std::str
   Json::Value map;
   if (LoadShareCalMap(map) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
   for (const std::string& member : map.getMemberNames()) {
-    if (TaskIdOf(Entry(map, member)) == taskID) {
+    if (IsShareNameSafe(member) && TaskIdOf(Entry(map, member)) == taskID) {
       name = member;
       return SHARE_CAL_SUCCESS;
     }
@@ -307,6 +328,7 @@ BOOL ShareSnapUsageCal::GetShareTaskList(PVLIBSZLIST* list) {
   Json::Value map;
   if (LoadShareCalMap(map) != SHARE_CAL_SUCCESS) return FALSE;
   for (const std::string& name : map.getMemberNames()) {
+    if (!IsShareNameSafe(name)) continue;  // a corrupt entry names no share
     if (VLIBCSzListPush(list, name.c_str()) < 0) {
       VELA_LOG(LOG_ERR, "Failed to push [%s] to the list" VELA_ERR_FMT, name.c_str(), VELA_ERR_ARGS);
       return FALSE;
@@ -315,14 +337,26 @@ BOOL ShareSnapUsageCal::GetShareTaskList(PVLIBSZLIST* list) {
   return TRUE;
 }
 
+int ShareSnapUsageCal::GetShareState(const std::string& name, CAL_TASK_STATUS& state) {
+  ShareTaskStatus status;
+  if (!status.Init(name, false) || status.GetCalculatorStatus(state) != TASK_STATUS_SUCCESS) {
+    return SHARE_CAL_FAIL;
+  }
+  if ((state == CAL_TASK_STATUS_READY || state == CAL_TASK_STATUS_PROCESS) &&
+      !CalculationRunning(name, status, state)) {
+    state = CAL_TASK_STATUS_FAIL;  // its process is gone: it ended, without a result
+  }
+  return SHARE_CAL_SUCCESS;
+}
+
 bool ShareSnapUsageCal::CheckAvail(const std::string& name, std::string& taskID) {
   if (name.empty()) {
     VELA_INVALID_ARGUMENT("!shareName.empty()");
     return false;
   }
-  // No entry, an entry of two minutes or more, or a task whose status file
-  // is gone: nothing can still be running.
-  if (FindValidTaskID(name, taskID) == SHARE_CAL_NOT_FOUND) return true;
+  bool expired = false;
+  // No entry, or a task whose own files are gone: nothing can still run.
+  if (FindTaskID(name, taskID, expired) == SHARE_CAL_NOT_FOUND) return true;
   if (!taskID.empty() && !TaskStatus::CheckFile(taskID)) return true;
   ShareTaskStatus status;
   if (!status.Init(name, false)) {
@@ -339,7 +373,8 @@ bool ShareSnapUsageCal::CheckAvail(const std::string& name, std::string& taskID)
   switch (state) {
     case CAL_TASK_STATUS_READY:
     case CAL_TASK_STATUS_PROCESS:
-      return false;
+      // A running child blocks whatever its age; one that is gone does not.
+      return !CalculationRunning(name, status, state);
     case CAL_TASK_STATUS_FAIL:
     case CAL_TASK_STATUS_STOP:
     case CAL_TASK_STATUS_DONE:
@@ -347,6 +382,25 @@ bool ShareSnapUsageCal::CheckAvail(const std::string& name, std::string& taskID)
   }
   VELA_LOG_TASK(LOG_ERR, "CheckAvail", taskID, "Invalid status = %d", static_cast<int>(state));
   return false;
+}
+
+int ShareSnapUsageCal::CheckLaunch(const std::string& name, long* start, long* end) {
+  const long s = start != nullptr ? *start : 0;
+  const long e = end != nullptr ? *end : static_cast<long>(time(nullptr));
+  if (!IsShareNameSafe(name) || (start == nullptr) != (end == nullptr) || e < s || !TimeFitsStrings(s) ||
+      !TimeFitsStrings(e)) {
+    return SHARE_CAL_INVALID_ARGUMENT;
+  }
+  SzList paths;
+  if (!paths.Ok()) return SHARE_CAL_FAIL;
+  Json::Value filter;
+  BuildSnapTimeFilter(filter, s, e);
+  // An unknown share, or one whose volume is not mounted.
+  if (Utils::ShareSnapListGet(name, paths.Address(), filter) < 0) return SHARE_CAL_FAIL;
+  if (paths.Count() == 0) return SHARE_CAL_NO_SNAPSHOT;
+  int volume = -1;
+  if (Utils::SameVolumeCheck(paths.Address(), volume) != 0) return SHARE_CAL_INVALID_ARGUMENT;
+  return SHARE_CAL_SUCCESS;
 }
 
 int ShareSnapUsageCal::CreateTask(const std::string& name) {
@@ -359,67 +413,90 @@ int ShareSnapUsageCal::CreateTask(const std::string& name) {
     return SHARE_CAL_INVALID_ARGUMENT;
   }
   if (Valid()) return SHARE_CAL_SUCCESS;
-  for (const char* dir : {VELA_RUN_DIR, VELA_LOCK_DIR, VELA_PERSISTENT_DIR, VELA_SHARE_TASK_LOCK_DIR,
-                          VELA_SHARE_TASK_RESULT_DIR}) {
-    if (!MakeDirectory(dir)) return SHARE_CAL_FAIL;
+  for (const std::string& dir : {std::string(VELA_RUN_DIR), std::string(VELA_LOCK_DIR),
+                                 std::string(VELA_PERSISTENT_DIR), std::string(VELA_SHARE_TASK_LOCK_DIR),
+                                 std::string(VELA_SHARE_TASK_RESULT_DIR), GetResultBasePath(name)}) {
+    if (!Utils::EnsureStateDirectory(dir)) return SHARE_CAL_FAIL;
   }
-  if (!MakeDirectory(GetResultBasePath(name))) return SHARE_CAL_FAIL;
 
-  // Held for the whole creation: concurrent starts of one share queue here
-  // and the later ones find the first one's fresh "ready" task.
-  char lockPath[1024];
-  snprintf(lockPath, sizeof(lockPath), VELA_SHARE_TASK_LOCK_DIR "/%s.lock", name.c_str());
-  int fd = -1;
-  int result = SHARE_CAL_FAIL;
-  std::string oldTaskID;
-  if (!Utils::GeneralFileLock(lockPath, true, fd)) {
-    VELA_LOG(LOG_ERR, "Failed to lock the file, path: %s, exclusive: %d", lockPath, 1);
-  } else if (!CheckAvail(name, oldTaskID)) {
-    result = SHARE_CAL_BUSY;
-  } else {
-    if (!oldTaskID.empty() && TaskStatus::CheckFile(oldTaskID) && !TaskStatus::CleanFile(oldTaskID)) {
-      VELA_LOG(LOG_DEBUG, "Failed to clean up task status with ID: %s", oldTaskID.c_str());
-    }
-    shareName = name;
-    if (!shareTaskStatus.Init(name, true)) {
-      VELA_LOG(LOG_ERR, "Failed to initialize task status of snapshot calculator for share [%s]" VELA_ERR_FMT,
-               name.c_str(), VELA_ERR_ARGS);
-    } else if (shareTaskStatus.SetCalculatorStatus(CAL_TASK_STATUS_READY) != TASK_STATUS_SUCCESS) {
-      VELA_LOG(LOG_ERR, "Failed to set ShareTaskStatus for share [%s] as ready status" VELA_ERR_FMT,
-               name.c_str(), VELA_ERR_ARGS);
-    } else if (!SnapUsageCalculator::CreateTask(calculator)) {
-      VELA_LOG(LOG_ERR, "Failed to create the calculator for share [%s]", name.c_str());
-      result = SHARE_CAL_TASK_NOT_CREATED;
-    } else {
-      result = RecordTask(name, calculator.GetTaskID()) == SHARE_CAL_SUCCESS ? SHARE_CAL_SUCCESS
-                                                                              : SHARE_CAL_FAIL;
-    }
+  // Held through the launch, until the child has recorded itself:
+  // concurrent starts of one share queue here, and a pending calculation
+  // whose lock nobody holds is one whose request went away.
+  const std::string lockPath = FileNames::ShareTaskLock(name);
+  if (!Utils::GeneralFileLock(lockPath, true, creationLockFd)) {
+    VELA_LOG(LOG_ERR, "Failed to lock the file, path: %s, exclusive: %d", lockPath.c_str(), 1);
+    ReleaseCreationLock();
+    return SHARE_CAL_FAIL;
   }
-  if (!Utils::GeneralFileUnlock(fd)) VELA_LOG(LOG_ERR, "Failed to unlock fd(%d)", fd);
+  std::string oldTaskID;
+  if (!CheckAvail(name, oldTaskID)) {
+    ReleaseCreationLock();
+    return SHARE_CAL_BUSY;
+  }
+  // Whatever the old task left in the run-time directories goes now.
+  if (!oldTaskID.empty() && TaskStatus::CheckFile(oldTaskID) && !TaskStatus::CleanFile(oldTaskID)) {
+    VELA_LOG(LOG_DEBUG, "Failed to clean up task status with ID: %s", oldTaskID.c_str());
+  }
+  if (!oldTaskID.empty()) TaskResult::CleanFile(oldTaskID);
+  int result = SHARE_CAL_FAIL;
+  shareName = name;
+  if (!shareTaskStatus.Init(name, true)) {
+    VELA_LOG(LOG_ERR, "Failed to initialize task status of snapshot calculator for share [%s]" VELA_ERR_FMT,
+             name.c_str(), VELA_ERR_ARGS);
+  } else if (shareTaskStatus.SetCalculatorStatus(CAL_TASK_STATUS_READY) != TASK_STATUS_SUCCESS) {
+    VELA_LOG(LOG_ERR, "Failed to set ShareTaskStatus for share [%s] as ready status" VELA_ERR_FMT,
+             name.c_str(), VELA_ERR_ARGS);
+  } else if (!SnapUsageCalculator::CreateTask(calculator)) {
+    VELA_LOG(LOG_ERR, "Failed to create the calculator for share [%s]", name.c_str());
+    result = EndWithFailure(SHARE_CAL_TASK_NOT_CREATED);
+  } else if (RecordTask(name, calculator.GetTaskID()) != SHARE_CAL_SUCCESS) {
+    EndWithFailure(result);
+  } else {
+    return SHARE_CAL_SUCCESS;
+  }
+  ReleaseCreationLock();
   return result;
+}
+
+int ShareSnapUsageCal::EndWithFailure(int code) {
+  // The share's status tells the user why nothing runs.
+  shareTaskStatus.SetStatusAttrs({{TASKSTATUS_ATTR_STATUS, _cal_task_status_str[CAL_TASK_STATUS_FAIL]},
+                                  {TASKSTATUS_ATTR_ERROR_CODE, std::to_string(code)}});
+  return code;
 }
 
 int ShareSnapUsageCal::Launch(long* start, long* end) {
   const long s = start != nullptr ? *start : 0;
   const long e = end != nullptr ? *end : static_cast<long>(time(nullptr));
-  if ((start == nullptr) != (end == nullptr) || e < s) return SHARE_CAL_INVALID_ARGUMENT;
   if (!Valid()) return SHARE_CAL_INVALID_OBJECT;
-  ScopedList paths;
-  if (!paths.Ok()) return SHARE_CAL_FAIL;
+  const bool badRange = (start == nullptr) != (end == nullptr) || e < s;
+  const int result = badRange ? EndWithFailure(SHARE_CAL_INVALID_ARGUMENT) : LaunchRange(s, e);
+  // Whatever happened, the calculation is launched or has ended "fail" by
+  // now: the next start of the share may go ahead.
+  ReleaseCreationLock();
+  return result;
+}
+
+int ShareSnapUsageCal::LaunchRange(long s, long e) {
+  SzList paths;
+  if (!paths.Ok()) {
+    VELA_LOG(LOG_ERR, "VLIBCSzListAlloc failed. " VELA_ERR_FMT, VELA_ERR_ARGS);
+    return EndWithFailure(SHARE_CAL_FAIL);
+  }
   Json::Value filter;
   BuildSnapTimeFilter(filter, s, e);
   if (Utils::ShareSnapListGet(shareName, paths.Address(), filter) < 0) {
     VELA_LOG(LOG_ERR, "Failed to list snapshot for share [%s]", shareName.c_str());
-    return SHARE_CAL_FAIL;
+    return EndWithFailure(SHARE_CAL_FAIL);
   }
   if (time(nullptr) == static_cast<time_t>(-1)) {
     VELA_SET_ERROR(VLIB_ERR_OPERATION_FAILED);
     VELA_LOG(LOG_ERR, "Failed to get snapshot range");
-    return SHARE_CAL_FAIL;
+    return EndWithFailure(SHARE_CAL_FAIL);
   }
   // Every listed name must carry a readable time; a bad one is only logged.
-  for (int i = 0; i < paths.Get()->nItem; ++i) {
-    std::string path = VLIBCSzListGet(paths.Get(), i);
+  for (int i = 0; i < paths.Count(); ++i) {
+    std::string path = paths.At(i);
     const char* name = basename(path.data());
     time_t taken = 0;
     if (name != nullptr && VELAShareSnapTimeGet(name, &taken) < 0) {
@@ -431,18 +508,18 @@ int ShareSnapUsageCal::Launch(long* start, long* end) {
   if (!Utils::Time_tToTimeString(s, startText)) {
     VELA_LOG(LOG_ERR, "Failed to get time string from time [%lu], err=%s" VELA_ERR_FMT, s, strerror(errno),
              VELA_ERR_ARGS);
-    return SHARE_CAL_FAIL;
+    return EndWithFailure(SHARE_CAL_FAIL);
   }
   if (!Utils::Time_tToTimeString(e, endText)) {
     VELA_LOG(LOG_ERR, "Failed to get time string from time [%lu], err=%s" VELA_ERR_FMT, e, strerror(errno),
              VELA_ERR_ARGS);
-    return SHARE_CAL_FAIL;
+    return EndWithFailure(SHARE_CAL_FAIL);
   }
-  if (shareTaskStatus.SetStatusAttr(TASKSTATUS_ATTR_RANGE_START, startText) != TASK_STATUS_SUCCESS ||
-      shareTaskStatus.SetStatusAttr(TASKSTATUS_ATTR_RANGE_END, endText) != TASK_STATUS_SUCCESS) {
-    return SHARE_CAL_FAIL;
+  if (shareTaskStatus.SetStatusAttrs({{TASKSTATUS_ATTR_RANGE_START, startText},
+                                      {TASKSTATUS_ATTR_RANGE_END, endText}}) != TASK_STATUS_SUCCESS) {
+    return EndWithFailure(SHARE_CAL_FAIL);
   }
-  const int result = Launch(paths.Address());
+  const int result = Launch(paths.Address());  // ends the task "fail" itself when it fails
   if (result != SHARE_CAL_SUCCESS) {
     VELA_LOG(LOG_ERR, "Failed to launch calculator for share [%s], ret: %d", shareName.c_str(), result);
   }
@@ -455,7 +532,7 @@ int ShareSnapUsageCal::Launch(PVLIBSZLIST* ppListSnapPath) {
     return SHARE_CAL_INVALID_ARGUMENT;
   }
   int result = SHARE_CAL_FAIL;
-  ScopedList rootIDs;
+  SzList rootIDs;
   int volume = -1;
   if (*ppListSnapPath == nullptr || (*ppListSnapPath)->nItem < 0) {
     result = SHARE_CAL_INVALID_ARGUMENT;
@@ -464,6 +541,7 @@ int ShareSnapUsageCal::Launch(PVLIBSZLIST* ppListSnapPath) {
   } else if (!Valid()) {
     result = SHARE_CAL_INVALID_OBJECT;
   } else if (!rootIDs.Ok()) {
+    VELA_LOG(LOG_ERR, "VLIBCSzListAlloc failed. " VELA_ERR_FMT, VELA_ERR_ARGS);
     return SHARE_CAL_FAIL;  // before anything was tried: the status stays as it is
   } else if (Utils::SameVolumeCheck(ppListSnapPath, volume) != 0) {
     VELA_LOG(LOG_ERR, "Given snapshot paths belog to different volumes" VELA_ERR_FMT, VELA_ERR_ARGS);
@@ -479,13 +557,30 @@ int ShareSnapUsageCal::Launch(PVLIBSZLIST* ppListSnapPath) {
     _tag_VELA_BTRFS_USAGE_CAL_TASK task = {VELA_BTRFS_USAGE_CAL_BY_SUBVOL_ID, UpdateTaskStatus,
                                            ExecCalPostAction, volume};
     result = calculator.Start(&task, rootIDs.Address());
-    if (result == SNAP_USAGE_CAL_SUCCESS) return SHARE_CAL_SUCCESS;
+    if (result == SNAP_USAGE_CAL_SUCCESS) return WaitForChildRecord();
     VELA_LOG(LOG_ERR, "Failed to fire the calculator" VELA_ERR_FMT, VELA_ERR_ARGS);
   }
-  // The share's status tells the user why nothing runs.
-  shareTaskStatus.SetCalculatorStatus(CAL_TASK_STATUS_FAIL);
-  shareTaskStatus.SetStatusIntAttr(TASKSTATUS_ATTR_ERROR_CODE, result);
-  return result;
+  return EndWithFailure(result);
+}
+
+int ShareSnapUsageCal::WaitForChildRecord() {
+  // Until the child has recorded itself the share reads "ready", and only
+  // the creation lock held here shows that it is on its way.
+  const pid_t child = calculator.WorkerPid();
+  for (int waited = 0; waited < kWorkerStartWaitMs; waited += 2) {
+    CAL_TASK_STATUS state = CAL_TASK_STATUS_READY;
+    if (shareTaskStatus.GetCalculatorStatus(state) == TASK_STATUS_SUCCESS && state != CAL_TASK_STATUS_READY) {
+      return SHARE_CAL_SUCCESS;
+    }
+    // Signal 0 only asks whether the PID is in use; nothing is sent.
+    if (kill(child, 0) != 0 && errno == ESRCH) {
+      VELA_LOG(LOG_ERR, "The calculator child [%d] of share [%s] ended before it started", static_cast<int>(child),
+               shareName.c_str());
+      return EndWithFailure(SHARE_CAL_FAIL);
+    }
+    usleep(2000);
+  }
+  return SHARE_CAL_SUCCESS;  // slow to start, but alive: it records itself when it runs
 }
 
 _tag_progress_update_function_ret ShareSnapUsageCal::UpdateTaskStatus(TaskStatus& taskStatus, void* data) {
@@ -514,8 +609,11 @@ _tag_progress_update_function_ret ShareSnapUsageCal::UpdateTaskStatus(TaskStatus
 int ShareSnapUsageCal::ExecCalPostAction(TaskStatus& taskStatus, void* data) {
   (void)data;
   const std::string& taskID = taskStatus.GetTaskID();
-  ScopedList files;
-  if (!files.Ok()) return SHARE_CAL_FAIL;
+  SzList files;
+  if (!files.Ok()) {
+    VELA_LOG(LOG_ERR, "VLIBCSzListAlloc failed. " VELA_ERR_FMT, VELA_ERR_ARGS);
+    return SHARE_CAL_FAIL;
+  }
   if (!Utils::SearchTaskFile(taskID, VELA_TASK_RESULT_DIR, files.Address())) {
     VELA_LOG_TASK(LOG_ERR, "ExecCalPostAction", taskID,
                   "Failed to search result files over the path [%s]" VELA_ERR_FMT, VELA_TASK_RESULT_DIR,
@@ -533,8 +631,8 @@ int ShareSnapUsageCal::ExecCalPostAction(TaskStatus& taskStatus, void* data) {
     VELA_LOG(LOG_ERR, "Failed to clean task result of share snapshot calculator, share: %s" VELA_ERR_FMT,
              share.c_str(), VELA_ERR_ARGS);
   }
-  for (int i = 0; i < files.Get()->nItem; ++i) {
-    std::string source = VLIBCSzListGet(files.Get(), i);
+  for (int i = 0; i < files.Count(); ++i) {
+    std::string source = files.At(i);
     std::string name = source;
     const std::string destination = GetResultBasePath(share) + "/" + basename(name.data());
     if (VELAFileCopy(source.c_str(), destination.c_str(), 0) < 0) {
@@ -551,15 +649,24 @@ std::string ShareSnapUsageCal::GetResultBasePath(const std::string& name) {
 }
 
 bool ShareSnapUsageCal::CleanTaskResultFile(const std::string& name, bool removeDir) {
+  if (!IsShareNameSafe(name)) return false;
   const std::string dir = GetResultBasePath(name);
-  ScopedList names;
-  ScopedList paths;
-  if (!names.Ok() || !paths.Ok()) return false;
+  SzList names;
+  SzList paths;
+  if (!names.Ok() || !paths.Ok()) {
+    VELA_LOG(LOG_ERR, "VLIBCSzListAlloc failed. " VELA_ERR_FMT, VELA_ERR_ARGS);
+    return false;
+  }
+  // The directory is checked as every state directory is before anything
+  // in it is listed or removed.
+  if (!Utils::OpenStateDirectory(dir, false).Valid()) return false;
   if (VLIBCFileEnumDir(dir.c_str(), 0, names.Address(), 128) < 0) return false;
   if (!Utils::PostfixPathAppend(dir, names.Address(), paths.Address())) return false;
   if (!Utils::DeleteCandidateFile(paths.Address())) return false;
   if (!removeDir) return true;
-  if (rmdir(dir.c_str()) != 0) {
+  std::string leaf;
+  const vela::base::UniqueFd parent = Utils::OpenContainingDirectory(dir, false, leaf);
+  if (!parent.Valid() || unlinkat(parent.Get(), leaf.c_str(), AT_REMOVEDIR) != 0) {
     VELA_LOG(LOG_ERR, "Failed to remove path [%s], errno: %s", dir.c_str(), strerror(errno));
     return false;
   }
@@ -572,6 +679,7 @@ int ShareSnapUsageCal::GetResultVtr(TASK_RESULT_OPT opt, const std::string& name
   bool expired = false;
   const int found = FindTaskID(name, taskID, expired);
   if (found != SHARE_CAL_SUCCESS) return found;
+  if (!IsShareNameSafe(name)) return SHARE_CAL_INVALID_ARGUMENT;
   const char* suffix = FileNames::TaskResultSuffix(opt);
   const std::string path = GetResultBasePath(name) + "/" + taskID + (suffix != nullptr ? suffix : "");
   // The share's copy once the run has finished; until then the task's own.
@@ -611,7 +719,7 @@ int ShareSnapUsageCal::FindSnapNameBySubvolID(const std::string& name, std::vect
     if (snapList.isObject()) {
       for (const std::string& snapName : snapList.getMemberNames()) {
         unsigned long long stored = 0;
-        if (!ParseRootId(snapList[snapName], stored) || stored != id) continue;
+        if (!StoredRootId(snapList[snapName], stored) || stored != id) continue;
         if (VLIBCSzListPush(ppListSnapName, snapName.c_str()) < 0) {
           VELA_LOG(LOG_ERR, "Failed to push [%s] to the list" VELA_ERR_FMT, snapName.c_str(), VELA_ERR_ARGS);
           return SHARE_CAL_FAIL;
@@ -650,18 +758,29 @@ void ShareSnapUsageCal::CleanAll(const std::string& name) {
   Json::Value map;
   if (LoadShareCalMap(map) != SHARE_CAL_SUCCESS) return;
   // Only a share the map knows is cleaned: the entry is what makes it ours.
-  for (const std::string& member : map.getMemberNames()) {
-    if (member == name) {
-      CleanUpShare(name);
-      return;
-    }
+  if (!map.isMember(name) || !IsShareNameSafe(name)) return;
+  // No start of the share runs meanwhile, and a running calculation is
+  // stopped first: clean-ups can never leave a child behind them.
+  const std::string lockPath = FileNames::ShareTaskLock(name);
+  Utils::ScopedFileLock creation(lockPath, true);
+  if (!creation.Locked()) {
+    VELA_LOG(LOG_ERR, "Failed to lock the file, path: %s, exclusive: %d", lockPath.c_str(), 1);
+    return;
   }
+  std::string taskID;
+  bool expired = false;
+  if (FindTaskID(name, taskID, expired) == SHARE_CAL_SUCCESS) {
+    StopChildAndWait(taskID);
+    TaskStatus::CleanFile(taskID);
+    TaskResult::CleanFile(taskID);
+  }
+  CleanUpShare(name);
 }
 
 int ShareSnapUsageCal::CleanAllSResult() {
   Json::Value map;
   if (LoadShareCalMap(map) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
-  for (const std::string& name : map.getMemberNames()) CleanAll(name);
+  for (const std::string& name : map.getMemberNames()) CleanAll(name);  // CleanAll skips corrupt names
   return SHARE_CAL_SUCCESS;
 }
 
@@ -669,6 +788,7 @@ int ShareSnapUsageCal::CleanNotDoneTask() {
   Json::Value map;
   if (LoadShareCalMap(map) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
   for (const std::string& name : map.getMemberNames()) {
+    if (!IsShareNameSafe(name)) continue;
     ShareTaskStatus status;
     if (!status.Init(name, false)) {
       VELA_LOG(LOG_ERR, "Failed to initialize task status of share snapshot calculator, share:[%s]" VELA_ERR_FMT,
@@ -681,7 +801,7 @@ int ShareSnapUsageCal::CleanNotDoneTask() {
                name.c_str());
       continue;  // a share whose state cannot be read is left alone
     }
-    if (state == CAL_TASK_STATUS_PROCESS) CleanUpShare(name);
+    if (state == CAL_TASK_STATUS_PROCESS) CleanAll(name);
   }
   return SHARE_CAL_SUCCESS;
 }

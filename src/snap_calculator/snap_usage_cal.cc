@@ -4,17 +4,20 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
 
+#include "base/numbers.h"
 #include "intl_utils/log.h"
 #include "vela/vlib_proc.h"
 #include "velabtrfssnapusage/btrfs_tool.h"
 #include "velabtrfssnapusage/process_helpers.h"
 #include "velabtrfssnapusage/signal_handler.h"
 #include "velabtrfssnapusage/task_result.h"
+#include "velabtrfssnapusage/time_string.h"
 
 namespace VelaBtrfsUsage {
 
@@ -76,12 +79,17 @@ bool SnapUsageCalculator::CreateTask(SnapUsageCalculator& calculator) {
 }
 
 int SnapUsageCalculator::SetTaskStatusReady() {
-  if (status.SetStatusAttr(TASKSTATUS_ATTR_PID, Utils::PIDStringGet()) != TASK_STATUS_SUCCESS ||
-      status.SetStatusIntAttr(TASKSTATUS_ATTR_ERROR_CODE, -1) != TASK_STATUS_SUCCESS ||
-      status.SetStatusNowTimeAttr(TASKSTATUS_ATTR_START_TIME) != TASK_STATUS_SUCCESS) {
-    return SNAP_USAGE_CAL_FAIL;
-  }
-  return SNAP_USAGE_CAL_SUCCESS;
+  // One update: nobody ever sees "process" without the process that runs
+  // it, named for good by its PID and start time.
+  unsigned long long started = 0;
+  std::string now;
+  if (!Utils::ProcessStartTicks(getpid(), started) || !Utils::NowTimeStringGet(now)) return SNAP_USAGE_CAL_FAIL;
+  const int written = status.SetStatusAttrs({{TASKSTATUS_ATTR_STATUS, _cal_task_status_str[CAL_TASK_STATUS_PROCESS]},
+                                             {TASKSTATUS_ATTR_PID, Utils::PIDStringGet()},
+                                             {TASKSTATUS_ATTR_PID_START, std::to_string(started)},
+                                             {TASKSTATUS_ATTR_ERROR_CODE, "-1"},
+                                             {TASKSTATUS_ATTR_START_TIME, now}});
+  return written == TASK_STATUS_SUCCESS ? SNAP_USAGE_CAL_SUCCESS : SNAP_USAGE_CAL_FAIL;
 }
 
 int SnapUsageCalculator::Start(_tag_VELA_BTRFS_USAGE_CAL_TASK* task, PVLIBSZLIST* ppData) {
@@ -99,14 +107,26 @@ int SnapUsageCalculator::Start(_tag_VELA_BTRFS_USAGE_CAL_TASK* task, PVLIBSZLIST
     VELA_LOG_TASK(LOG_ERR, "Start", taskID, "Failed to fork() " VELA_ERR_FMT, VELA_ERR_ARGS);
     return SNAP_USAGE_CAL_FORK_FAIL;
   }
-  if (pid > 0) return SNAP_USAGE_CAL_SUCCESS;
+  if (pid > 0) {
+    workerPid = pid;
+    return SNAP_USAGE_CAL_SUCCESS;
+  }
 
   // The child: everything from here on is reported through the status file.
+  // It leads a process group of its own, which the tool it runs joins, so
+  // that a stop reaches the tool too; and a stop that comes before the run
+  // is recorded, not fatal.
+  setpgid(0, 0);
+  SignalHandler::Install();
   const int code = StartTask(task, ppData);
   if (code != 0) {
     // Expected outcomes such as a stop: not an error of this process.
     VELA_LOG_TASK(LOG_DEBUG, "Start", taskID, "Failed to start the calculator task, ret: %d" VELA_ERR_FMT,
                   code, VELA_ERR_ARGS);
+    // The share's status holds the outcome; the task's own files would only
+    // be left behind.
+    CleanAll();
+    if (BtrfsTool::ToolAbandoned()) kill(0, SIGKILL);  // the tool, and this child with it
     exit(code);
   }
   if (PostCalAction(task) != SNAP_USAGE_CAL_SUCCESS) {
@@ -121,14 +141,12 @@ int SnapUsageCalculator::StartTask(_tag_VELA_BTRFS_USAGE_CAL_TASK* task, PVLIBSZ
   std::string errMsg;
   std::string cmd;
   int code = SNAP_USAGE_CAL_SUCCESS;
-  if (status.SetCalculatorStatus(CAL_TASK_STATUS_PROCESS) != TASK_STATUS_SUCCESS) {
+  if (SetTaskStatusReady() != SNAP_USAGE_CAL_SUCCESS) {
+    VELA_LOG_TASK(LOG_ERR, "StartTask", taskID, "Failed to prepare the status of calculator");
     code = SNAP_USAGE_CAL_FAIL;
   } else {
     RunProgress(task->progressUpdate, status);
-    if (SetTaskStatusReady() != SNAP_USAGE_CAL_SUCCESS) {
-      VELA_LOG_TASK(LOG_ERR, "StartTask", taskID, "Failed to prepare the status of calculator");
-      code = SNAP_USAGE_CAL_FAIL;
-    } else if (task->option == VELA_BTRFS_USAGE_CAL_BY_PATH) {
+    if (task->option == VELA_BTRFS_USAGE_CAL_BY_PATH) {
       code = CalculateByPath(task, ppData, errMsg, cmd);
     } else if (task->option == VELA_BTRFS_USAGE_CAL_BY_SUBVOL_ID) {
       code = CalculateBySubvolID(task, ppData, errMsg, cmd);
@@ -138,18 +156,20 @@ int SnapUsageCalculator::StartTask(_tag_VELA_BTRFS_USAGE_CAL_TASK* task, PVLIBSZ
       code = SNAP_USAGE_CAL_UNKNOWN_OPTION;
     }
   }
-  // Final writes are best effort: there is nobody left to report them to.
-  if (code == BTRFS_CMD_SUCCESS) {
-    status.SetCalculatorStatus(CAL_TASK_STATUS_DONE);
-  } else if (code == BTRFS_CMD_STOPPED) {
-    status.SetCalculatorStatus(CAL_TASK_STATUS_STOP);
-  } else {
-    status.SetCalculatorStatus(CAL_TASK_STATUS_FAIL);
-    status.SetStatusAttr(TASKSTATUS_ATTR_ERROR_MSG, errMsg);
-    status.SetStatusAttr(TASKSTATUS_ATTR_BTRFS_CMD, cmd);
+  // The outcome in one update, so that no reader sees a final state
+  // without its code. Best effort: there is nobody left to report to.
+  const CAL_TASK_STATUS state = code == BTRFS_CMD_SUCCESS   ? CAL_TASK_STATUS_DONE
+                                : code == BTRFS_CMD_STOPPED ? CAL_TASK_STATUS_STOP
+                                                            : CAL_TASK_STATUS_FAIL;
+  std::vector<std::pair<TASKSTATUS_ATTR, std::string>> outcome = {
+      {TASKSTATUS_ATTR_STATUS, _cal_task_status_str[state]}, {TASKSTATUS_ATTR_ERROR_CODE, std::to_string(code)}};
+  if (state == CAL_TASK_STATUS_FAIL) {
+    outcome.emplace_back(TASKSTATUS_ATTR_ERROR_MSG, errMsg);
+    outcome.emplace_back(TASKSTATUS_ATTR_BTRFS_CMD, cmd);
   }
-  status.SetStatusNowTimeAttr(TASKSTATUS_ATTR_END_TIME);
-  status.SetStatusIntAttr(TASKSTATUS_ATTR_ERROR_CODE, code);
+  std::string now;
+  if (Utils::NowTimeStringGet(now)) outcome.emplace_back(TASKSTATUS_ATTR_END_TIME, now);
+  status.SetStatusAttrs(outcome);
   RunProgress(task->progressUpdate, status);
   return code;
 }
@@ -194,14 +214,35 @@ int SnapUsageCalculator::Stop(const std::string& id) {
     }
     return SNAP_USAGE_CAL_SUCCESS;
   }
-  int pid = 0;
-  if (record.GetStatusIntAttr(TASKSTATUS_ATTR_PID, pid) != TASK_STATUS_SUCCESS) return SNAP_USAGE_CAL_SUCCESS;
-  if (Utils::ProcessKill(pid, SIGTERM) < 0) {
+  pid_t pid = 0;
+  unsigned long long started = 0;
+  if (!ReadWorker(record, pid, started)) {
+    // Without its start time a PID could name any process by now.
+    VELA_LOG_TASK(LOG_ERR, "Stop", id, "No proof of which process runs the task; nothing is signalled");
+    return SNAP_USAGE_CAL_SUCCESS;
+  }
+  if (Utils::SignalProcessIfSame(pid, started, SIGTERM) < 0) {
     VELA_LOG_TASK(LOG_ERR, "Stop", id, "failed to send signal [%d] to [%d], err=%s", SIGTERM, pid,
                   strerror(errno));
     return SNAP_USAGE_CAL_FAIL;
   }
   return SNAP_USAGE_CAL_SUCCESS;
+}
+
+bool SnapUsageCalculator::ReadWorker(TaskStatus& record, pid_t& pid, unsigned long long& started) {
+  std::string pidText;
+  std::string startText;
+  uint64_t pidValue = 0;
+  uint64_t startValue = 0;
+  if (record.GetStatusAttr(TASKSTATUS_ATTR_PID, pidText) != TASK_STATUS_SUCCESS ||
+      record.GetStatusAttr(TASKSTATUS_ATTR_PID_START, startText) != TASK_STATUS_SUCCESS ||
+      !vela::base::ParseCanonicalDecimal(pidText, pidValue) || pidValue == 0 || pidValue > INT32_MAX ||
+      !vela::base::ParseCanonicalDecimal(startText, startValue)) {
+    return false;
+  }
+  pid = static_cast<pid_t>(pidValue);
+  started = startValue;
+  return true;
 }
 
 int SnapUsageCalculator::GetTaskStatus(TASKSTATUS_ATTR attr, std::string& value) {
@@ -300,7 +341,8 @@ _tag_fp_parse_function_ret SnapUsageCalculator::ParseCmdFp(std::string id, FILE*
     }
   }
   // A read error is not the end of the output: the results would be partial.
-  if (ferror(fp)) return FP_PARSE_FAIL;
+  // A read cut short by the stop signal is the stop.
+  if (ferror(fp)) return SignalHandler::StopRequested() ? FP_PARSE_SIGNALED : FP_PARSE_FAIL;
   if (TaskResult::WriteResultVtr(TASK_RESULT_OPT_RESULT, id, bytes) != TASK_RESULT_SUCCESS) {
     VELA_LOG_TASK(LOG_ERR, "ParseCmdFp", id, "Failed to wirte result vector to file");
     return FP_PARSE_FAIL;

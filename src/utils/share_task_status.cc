@@ -7,7 +7,7 @@
 
 #include "intl_utils/file_names.h"
 #include "intl_utils/log.h"
-#include "intl_utils/make_dirs.h"
+#include "intl_utils/state_files.h"
 #include "vela/vlib_file.h"
 
 namespace VelaBtrfsUsage {
@@ -17,7 +17,7 @@ namespace {
 constexpr char kLogSource[] = "utils/share_task_status";
 
 void UnlinkLogged(const std::string& path) {
-  if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+  if (!Utils::RemoveStateFile(path)) {
     VELA_LOG(LOG_ERR, "Failed to unlink file (%s) err:(%s) ", path.c_str(), strerror(errno));
   }
 }
@@ -33,10 +33,9 @@ bool ShareTaskStatus::Init(const std::string& name, bool create) {
     VELA_INVALID_ARGUMENT("!shareName.empty()");
     return false;
   }
-  if (!VELA_ENSURE_DIRECTORIES(VELA_PERSISTENT_DIR, VELA_LOCK_DIR, VELA_SHARE_TASK_STATUS_DIR,
-                               VELA_SHARE_TASK_STATUS_LOCK_DIR)) {
-    return false;
-  }
+  // The name becomes a file name written as root. Directories are made by
+  // the first write: opening a record to read it leaves nothing behind.
+  if (!Utils::IsPathComponent(name)) return false;
   shareName = name;
   filePath = FileNames::ShareTaskStatusFile(name);
   lockPath = FileNames::ShareTaskStatusLock(name);
@@ -52,6 +51,7 @@ bool ShareTaskStatus::CleanShareStatus(const std::string& name) {
     VELA_INVALID_ARGUMENT("!shareName.empty()");
     return false;
   }
+  if (!Utils::IsPathComponent(name)) return false;
   UnlinkLogged(FileNames::ShareTaskStatusFile(name));
   UnlinkLogged(FileNames::ShareTaskStatusLock(name));
   return true;

@@ -8,11 +8,12 @@
 #include <cstdint>
 #include <cstring>
 
-#include "intl_utils/fd_io.h"
+#include "base/atomic_file.h"
+#include "base/fd_io.h"
+#include "base/sz_list.h"
 #include "intl_utils/file_names.h"
 #include "intl_utils/log.h"
-#include "intl_utils/make_dirs.h"
-#include "vela/vlib_szlist.h"
+#include "intl_utils/state_files.h"
 #include "velabtrfssnapusage/file_helpers.h"
 #include "velabtrfssnapusage/json_file.h"
 
@@ -33,8 +34,10 @@ std::string TaskResult::GetFileLockBasePath(const std::string& taskID) {
 }
 
 bool TaskResult::InitWorkingDir() {
-  return VELA_ENSURE_DIRECTORIES(VELA_RUN_DIR, VELA_LOCK_DIR, VELA_TASK_RESULT_LOCK_DIR,
-                                 VELA_TASK_RESULT_DIR);
+  for (const char* dir : {VELA_RUN_DIR, VELA_LOCK_DIR, VELA_TASK_RESULT_LOCK_DIR, VELA_TASK_RESULT_DIR}) {
+    if (!Utils::EnsureStateDirectory(dir)) return false;
+  }
+  return true;
 }
 
 bool TaskResult::LockFile(const std::string& fileLockPath, bool exclusive, int& fd) {
@@ -65,18 +68,17 @@ int TaskResult::WriteVtr(const std::string& filePath, const std::vector<T>& v) {
   }
   // Written beside the target and renamed over it: a reader (readers take
   // no lock) or a crash sees the old vector or the new one, never a part.
-  std::string temp = filePath + ".XXXXXX";
-  const int fd = mkostemp(temp.data(), O_CLOEXEC);
-  if (fd < 0) {
+  std::string name;
+  const vela::base::UniqueFd dir = Utils::OpenContainingDirectory(filePath, true, name);
+  if (!dir.Valid()) {
     VELA_LOG(LOG_ERR, "File [%s] cannot be created.", filePath.c_str());
     return TASK_RESULT_FAIL;
   }
   const uint64_t count = v.size();
-  bool ok = Utils::WriteAll(fd, &count, sizeof(count)) && Utils::WriteAll(fd, v.data(), v.size() * sizeof(T)) &&
-            fchmod(fd, 0644) == 0 && fsync(fd) == 0;
-  if (close(fd) != 0) ok = false;
-  if (ok && rename(temp.c_str(), filePath.c_str()) == 0) return TASK_RESULT_SUCCESS;
-  unlink(temp.c_str());
+  const bool written = vela::base::AtomicReplace(dir.Get(), name, {0644}, [&](int fd) {
+    return vela::base::WriteAll(fd, &count, sizeof(count)) && vela::base::WriteAll(fd, v.data(), v.size() * sizeof(T));
+  });
+  if (written) return TASK_RESULT_SUCCESS;
   VELA_LOG(LOG_ERR, "Some errors occur on output stream, file: %s", filePath.c_str());
   return TASK_RESULT_FAIL;
 }
@@ -88,15 +90,19 @@ int TaskResult::ReadVtr(const std::string& filePath, std::vector<T>& v) {
     VELA_INVALID_ARGUMENT("!filePath.empty()");
     return TASK_RESULT_INVALID_ARGUMENT;
   }
-  const int fd = open(filePath.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
+  std::string name;
+  vela::base::UniqueFd file;
+  const vela::base::UniqueFd dir = Utils::OpenContainingDirectory(filePath, false, name);
+  if (dir.Valid()) file = Utils::OpenRegularFileAt(dir.Get(), name);
+  if (!file.Valid()) {
     VELA_LOG(LOG_ERR, "File [%s] cannot be opened.", filePath.c_str());
     return TASK_RESULT_FAIL;
   }
+  const int fd = file.Get();
   bool failed = false;
   uint64_t count = 0;
   // Fewer than 8 bytes: nothing could be read, an empty vector.
-  if (Utils::ReadAll(fd, &count, sizeof(count), failed) != sizeof(count)) count = 0;
+  if (vela::base::ReadAll(fd, &count, sizeof(count), failed) != sizeof(count)) count = 0;
   struct stat st;
   if (!failed && fstat(fd, &st) == 0) {
     // The count is checked against the file before anything is allocated:
@@ -107,12 +113,11 @@ int TaskResult::ReadVtr(const std::string& filePath, std::vector<T>& v) {
       failed = true;
     } else {
       v.assign(count, T{});
-      if (Utils::ReadAll(fd, v.data(), count * sizeof(T), failed) != count * sizeof(T)) failed = true;
+      if (vela::base::ReadAll(fd, v.data(), count * sizeof(T), failed) != count * sizeof(T)) failed = true;
     }
   } else {
     failed = true;
   }
-  close(fd);
   if (failed) {
     v.clear();
     VELA_LOG(LOG_ERR, "Some errors occur on input stream, file: %s", filePath.c_str());
@@ -169,26 +174,25 @@ bool TaskResult::CleanFile(const std::string& taskID) {
     VELA_INVALID_ARGUMENT("!taskID.empty()");
     return false;
   }
-  PVLIBSZLIST files = VLIBCSzListAlloc(1024);
-  if (files == nullptr) {
+  vela::base::SzList files;
+  if (!files.Ok()) {
     VELA_LOG(LOG_ERR, "VLIBCSzListAlloc failed. " VELA_ERR_FMT, VELA_ERR_ARGS);
     return false;
   }
   bool ok = true;
   for (const char* dir : {VELA_TASK_RESULT_DIR, VELA_TASK_RESULT_LOCK_DIR}) {
-    if (!Utils::SearchTaskFile(taskID, dir, &files)) {
+    if (!Utils::SearchTaskFile(taskID, dir, files.Address())) {
       VELA_LOG_TASK(LOG_ERR, "CleanFile", taskID, "Failed to search result files over the path [%s]" VELA_ERR_FMT,
                     dir, VELA_ERR_ARGS);
       ok = false;
       break;
     }
   }
-  if (ok && !Utils::DeleteCandidateFile(&files)) {
+  if (ok && !Utils::DeleteCandidateFile(files.Address())) {
     VELA_LOG_TASK(LOG_ERR, "CleanFile", taskID, "Failed to delete the candidate files" VELA_ERR_FMT,
                   VELA_ERR_ARGS);
     ok = false;
   }
-  VLIBCSzListFree(files);
   return ok;
 }
 

@@ -6,7 +6,7 @@
 
 #include "intl_utils/file_names.h"
 #include "intl_utils/log.h"
-#include "intl_utils/make_dirs.h"
+#include "intl_utils/state_files.h"
 #include "vela/vlib_file.h"
 #include "velabtrfssnapusage/json_file.h"
 #include "velabtrfssnapusage/time_string.h"
@@ -23,6 +23,7 @@ std::map<TASKSTATUS_ATTR, std::string> _task_status_attr_str = {
     {TASKSTATUS_ATTR_ESTIMATED_IN_BYTES, "estimated_in_bytes"},
     {TASKSTATUS_ATTR_RANGE_START, "range_start"},
     {TASKSTATUS_ATTR_RANGE_END, "range_end"},
+    {TASKSTATUS_ATTR_PID_START, "pid_start_time"},
 };
 
 std::map<CAL_TASK_STATUS, std::string> _cal_task_status_str = {
@@ -36,7 +37,7 @@ namespace VelaBtrfsUsage {
 namespace {
 
 constexpr char kLogSource[] = "utils/task_status";
-constexpr TASKSTATUS_ATTR kLastAttr = TASKSTATUS_ATTR_RANGE_END;
+constexpr TASKSTATUS_ATTR kLastAttr = TASKSTATUS_ATTR_PID_START;
 
 // Only scalars are attribute values; an object or array under a key (a
 // corrupt record) reads as absent.
@@ -54,11 +55,9 @@ TaskStatus::~TaskStatus() = default;
 
 bool TaskStatus::Init(const std::string& id, bool create) {
   if (Valid() && id == taskID) return true;
-  if (id.empty()) return false;
-  if (!VELA_ENSURE_DIRECTORIES(VELA_RUN_DIR, VELA_LOCK_DIR, VELA_TASK_STATUS_DIR,
-                               VELA_TASK_STATUS_LOCK_DIR)) {
-    return false;
-  }
+  // The ID names files written as root. Directories are made by the first
+  // write, so that opening a record to read it leaves nothing behind.
+  if (!Utils::IsPathComponent(id)) return false;
   taskID = id;
   filePath = GetFilePath(id);
   lockPath = GetFileLockPath(id);
@@ -102,9 +101,9 @@ bool TaskStatus::CheckFile(const std::string& id) {
 }
 
 bool TaskStatus::CleanFile(const std::string& id) {
-  if (!CheckFile(id)) return true;  // the lock file is left alone then
+  if (!Utils::IsPathComponent(id) || !CheckFile(id)) return true;  // the lock file is left alone then
   for (const std::string& path : {GetFilePath(id), GetFileLockPath(id)}) {
-    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+    if (!Utils::RemoveStateFile(path)) {
       VELA_LOG_TASK(LOG_ERR, "CleanFile", id, "Failed to unlink file (%s) err:(%s) ", path.c_str(),
                     strerror(errno));
     }
@@ -150,16 +149,33 @@ int TaskStatus::GetJsonVal(Json::Value& out) {
 }
 
 int TaskStatus::SetStatusAttr(TASKSTATUS_ATTR attr, const std::string& value) {
-  const std::string key = _task_status_attr_str[attr];
   if (!Valid()) {
     VELA_LOG_TASK(LOG_ERR, "SetStatusAttr", taskID, "Invalid object");
     return TASK_STATUS_INVALID_OBJECT;
   }
-  // A lock that cannot be taken does not stop the update: the rename of the
-  // writer still keeps every reader's view whole.
-  if (!LockFile(true)) VELA_LOG_TASK(LOG_ERR, "SetStatusAttr", taskID, "lock failed");
+  return WriteAttrs({{attr, value}}, "SetStatusAttr");
+}
+
+int TaskStatus::SetStatusAttrs(const std::vector<std::pair<TASKSTATUS_ATTR, std::string>>& values) {
+  if (!Valid()) {
+    VELA_LOG_TASK(LOG_ERR, "SetStatusAttrs", taskID, "Invalid object");
+    return TASK_STATUS_INVALID_OBJECT;
+  }
+  return WriteAttrs(values, "SetStatusAttrs");
+}
+
+int TaskStatus::WriteAttrs(const std::vector<std::pair<TASKSTATUS_ATTR, std::string>>& values,
+                           const char* function) {
+  // Without the lock nothing is written: a write that went ahead unlocked
+  // could undo another writer's update, and a lock that stays away for the
+  // whole bounded wait means something is wrong to be reported.
+  if (!LockFile(true)) {
+    VELA_LOG_TASK(LOG_ERR, function, taskID, "lock failed");
+    UnlockFile();
+    return TASK_STATUS_FAIL;
+  }
   Json::Value doc = ReadDocument();
-  doc[key] = value;
+  for (const auto& [attr, value] : values) doc[_task_status_attr_str[attr]] = value;
   const bool written = Utils::SetJsonAttrByPath(filePath.c_str(), doc);
   UnlockFile();
   return written ? TASK_STATUS_SUCCESS : TASK_STATUS_FAIL;
@@ -267,7 +283,7 @@ bool TaskStatus::Import(TaskStatus& source) {
     return false;
   }
   bool written = false;
-  if (!LockFile(true)) {
+  if (!Valid() || !LockFile(true)) {
     VELA_LOG_TASK(LOG_ERR, "Import", taskID, "lock failed" VELA_ERR_FMT, VELA_ERR_ARGS);
   } else {
     Json::Value doc = ReadDocument();

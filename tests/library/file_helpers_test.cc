@@ -46,40 +46,5 @@ TEST(SearchTaskFile, ListsRegularFilesWithThePrefixAndToleratesAMissingDirectory
   VLIBCSzListFree(list);
 }
 
-TEST(FileOrDirOpen, OpensDirectoriesAndFilesAndRefusesAnythingElse) {
-  ScratchDir dir;
-  DIR* stream = nullptr;
-  int fd = FileOrDirOpen(dir.Path().c_str(), &stream);
-  ASSERT_GE(fd, 0);
-  ASSERT_NE(nullptr, stream);
-  FileOrDirClose(fd, stream);
-
-  WriteFile(dir / "file", "x");
-  stream = nullptr;
-  fd = FileOrDirOpen((dir / "file").c_str(), &stream);
-  ASSERT_GE(fd, 0);
-  EXPECT_EQ(nullptr, stream);
-  FileOrDirClose(fd, stream);
-
-  ASSERT_EQ(0, mkfifo((dir / "fifo").c_str(), 0600));
-  errno = 0;
-  EXPECT_EQ(-1, FileOrDirOpen((dir / "fifo").c_str(), &stream));
-  EXPECT_EQ(EINVAL, errno);
-  EXPECT_EQ(-1, FileOrDirOpen((dir / "missing").c_str(), &stream));
-  EXPECT_EQ(-1, FileOrDirOpen(nullptr, &stream));
-  EXPECT_EQ(-1, FileOrDirOpen(dir.Path().c_str(), nullptr));
-}
-
-TEST(HashToJson, CopiesEveryKeyAsAString) {
-  PVLIBSZHASH hash = VLIBCSzHashAlloc(2);
-  VLIBCSzHashSetValue(&hash, "share", "share1");
-  VLIBCSzHashSetValue(&hash, "volume", "1");
-  Json::Value out;
-  EXPECT_TRUE(HashToJson(hash, out));
-  EXPECT_EQ("share1", out["share"].asString());
-  EXPECT_EQ("1", out["volume"].asString());
-  VLIBCSzHashFree(hash);
-}
-
 }  // namespace
 }  // namespace VelaBtrfsUsage::Utils

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "base/numbers.h"
 #include "support/fork_child.h"
 #include "support/scratch_dir.h"
 #include "support/syslog_capture.h"
@@ -34,12 +35,13 @@ Json::Value Doc(const std::string& key, const std::string& value) {
   return doc;
 }
 
-std::vector<std::string> Leftovers(const std::string& dir, const std::string& base) {
+// Everything in `dir` but `keep`: temporaries left behind.
+std::vector<std::string> Leftovers(const std::string& dir, const std::string& keep) {
   std::vector<std::string> found;
   DIR* d = opendir(dir.c_str());
   while (struct dirent* e = readdir(d)) {
     const std::string name = e->d_name;
-    if (name.size() == base.size() + 7 && name.rfind(base + ".", 0) == 0) found.push_back(name);
+    if (name != "." && name != ".." && name != keep && name != "filler") found.push_back(name);
   }
   closedir(d);
   return found;
@@ -72,14 +74,20 @@ struct LockHolder {
 
 TEST(FileLock, SharedLocksCoexistAndAnExclusiveOneWaitsForTheirRelease) {
   const std::string path = std::string(kLockRoot) + "/contended.lock";
-  umask(022);
+  umask(0);  // the modes below must not come from the umask
   int fd = -1;
-  ASSERT_TRUE(GeneralFileLock(path, false, fd));  // creates the missing lock root
+  ASSERT_TRUE(GeneralFileLock(path, false, fd));
+  EXPECT_EQ(-1, fd) << "a reader creates no lock file";
   struct stat st;
+  EXPECT_NE(0, stat(kLockRoot, &st)) << "nor its directory";
+  ASSERT_TRUE(GeneralFileLock(path, true, fd));
+  ASSERT_TRUE(GeneralFileUnlock(fd));
   ASSERT_EQ(0, stat(path.c_str(), &st));
-  EXPECT_EQ(0644u, st.st_mode & 07777);
+  EXPECT_EQ(0640u, st.st_mode & 07777);
   ASSERT_EQ(0, stat(kLockRoot, &st));
-  EXPECT_TRUE(S_ISDIR(st.st_mode));
+  EXPECT_EQ(0755u, st.st_mode & 07777);
+  umask(022);
+  ASSERT_TRUE(GeneralFileLock(path, false, fd));
 
   LockHolder reader(path, false);
   EXPECT_TRUE(reader.Acquired(5000)) << "a second shared lock must be granted at once";
@@ -148,6 +156,7 @@ TEST(JsonToFile, RewriteKeepsOwnerAndSets0644WhileANewFileIs0600) {
   Json::Value back;
   ASSERT_TRUE(JsonFromFile(back, owned));
   EXPECT_EQ(Doc("b", "2"), back);
+  unlink(fresh.c_str());
   EXPECT_TRUE(Leftovers(dir.Path(), "owned").empty());
 }
 
@@ -175,9 +184,10 @@ TEST(JsonToFile, FailedWriteOnAFullDiskLeavesTheOldFileWholeAndNoTemporary) {
   umount2(disk.c_str(), MNT_DETACH);
 }
 
-TEST(JsonToFile, AWriterKilledAtAnyMomentNeverLeavesATargetThatDoesNotParse) {
+TEST(JsonToFile, AWriterKilledAtAnyMomentNeverLeavesATargetThatDoesNotParseNorItsTemporaryForLong) {
   ScratchDir dir;
-  const std::string target = dir / "record";
+  // The longest name a file can have: its temporary name must fit too.
+  const std::string target = dir / std::string(255, 'r');
   ASSERT_TRUE(JsonToFile(Doc("k", "initial"), target));
   for (int round = 0; round < 25; ++round) {
     ChildProcess writer([&] {
@@ -190,9 +200,12 @@ TEST(JsonToFile, AWriterKilledAtAnyMomentNeverLeavesATargetThatDoesNotParse) {
     ASSERT_TRUE(JsonFromFile(doc, target)) << "round " << round;
     ASSERT_TRUE(doc.isMember("k"));
   }
+  // What the last killed writer left is removed by the next one.
+  ASSERT_TRUE(JsonToFile(Doc("k", "last"), target));
+  EXPECT_TRUE(Leftovers(dir.Path(), std::string(255, 'r')).empty());
 }
 
-TEST(JsonFromFile, MissingAndCorruptFilesFailWithDebugMessagesOnly) {
+TEST(JsonFromFile, MissingCorruptDeeplyNestedOrSpecialFilesFailWithDebugMessagesOnly) {
   ScratchDir dir;
   vela::test::ClearSyslog();
   Json::Value doc;
@@ -204,12 +217,39 @@ TEST(JsonFromFile, MissingAndCorruptFilesFailWithDebugMessagesOnly) {
     vela::test::WriteFile(dir / "corrupt", corrupt);
     EXPECT_FALSE(JsonFromFile(doc, dir / "corrupt")) << corrupt;
   }
-  EXPECT_EQ(3u, FindSyslog(LOG_DEBUG, "Some errors occurs when parseing input stream, path(" +
+  std::string nested = "1";
+  for (int depth = 1; depth <= 65; ++depth) {
+    nested = "[" + nested + "]";
+    vela::test::WriteFile(dir / "corrupt", nested);
+    EXPECT_EQ(depth <= 64, JsonFromFile(doc, dir / "corrupt")) << depth;
+  }
+  EXPECT_EQ(4u, FindSyslog(LOG_DEBUG, "Some errors occurs when parseing input stream, path(" +
                                           (dir / "corrupt")).size());
+  // Neither waited on nor followed.
+  ASSERT_EQ(0, mkfifo((dir / "fifo").c_str(), 0600));
+  EXPECT_FALSE(JsonFromFile(doc, dir / "fifo"));
+  ASSERT_EQ(0, symlink((dir / "corrupt").c_str(), (dir / "link").c_str()));
+  EXPECT_FALSE(JsonFromFile(doc, dir / "link"));
   EXPECT_TRUE(FindSyslog(LOG_ERR, "").empty()) << vela::test::DumpSyslog();
 
   EXPECT_FALSE(JsonToFile(Doc("a", "b"), ""));
   EXPECT_FALSE(JsonFromFile(doc, ""));
+}
+
+TEST(Numbers, OnlyTheOneWrittenFormOfANumberIsAccepted) {
+  uint64_t n = 0;
+  EXPECT_TRUE(vela::base::ParseRootId("18446744073709551615", n));
+  EXPECT_EQ(~0ull, n);
+  for (const char* bad : {"0256", "0", "", "+5", " 5", "5 ", "18446744073709551616", "5x"}) {
+    EXPECT_FALSE(vela::base::ParseRootId(bad, n)) << bad;
+  }
+  EXPECT_TRUE(vela::base::ParseUnsignedAnyBase("0x10", n));
+  EXPECT_EQ(16u, n);
+  EXPECT_TRUE(vela::base::ParseUnsignedAnyBase("010", n));
+  EXPECT_EQ(8u, n);
+  for (const char* bad : {"12abc", "-1", "0x", "09", "", "99999999999999999999"}) {
+    EXPECT_FALSE(vela::base::ParseUnsignedAnyBase(bad, n)) << bad;
+  }
 }
 
 }  // namespace

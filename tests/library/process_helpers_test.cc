@@ -1,4 +1,5 @@
-// Process helpers: signals to vanished processes, task IDs from uuidgen.
+// Process helpers: signals that reach only the process that was recorded,
+// even when its PID has been used again; task IDs from uuidgen.
 #include "velabtrfssnapusage/process_helpers.h"
 
 #include <gtest/gtest.h>
@@ -25,32 +26,53 @@ void FakeUuidgen(const ScratchDir& dir, const std::string& body) {
   ASSERT_EQ("", vela::test::BindInto(dir / "uuidgen", "/usr/bin/uuidgen"));
 }
 
-TEST(ProcessKill, AProcessThatIsGoneCountsAsStopped) {
-  vela::test::ChildProcess sleeper([] { pause(); });
-  EXPECT_EQ(0, ProcessKill(sleeper.Pid(), SIGTERM));
-  EXPECT_EQ(128 + SIGTERM, sleeper.Wait());
-  vela::test::ChildProcess quick([] {});
-  const pid_t gone = quick.Pid();
-  quick.Wait();
-  EXPECT_EQ(0, ProcessKill(gone, SIGTERM));
-  EXPECT_EQ(0, ProcessKill(-1, SIGTERM));
+TEST(SignalProcessIfSame, ReachesOnlyTheRecordedProcessEvenWhenItsPidIsUsedAgain) {
+  const std::string outcome = vela::test::RunInPidNamespace([] {
+    const pid_t first = fork();
+    if (first == 0) pause();
+    unsigned long long started = 0;
+    if (!ProcessStartTicks(first, started)) return std::string("no start time");
+    std::string seen = ProcessIsAlive(first, started) ? "alive" : "gone";
+    seen += " " + std::to_string(SignalProcessIfSame(first, started + 1, SIGTERM));  // not that process
+    seen += " " + std::to_string(SignalProcessIfSame(first, started, SIGKILL));
+    waitpid(first, nullptr, 0);
+    seen += ProcessIsAlive(first, started) ? " alive" : " gone";
+    // Another process gets the same PID, started later. (Start times count
+    // clock ticks of 10 ms; outside a test a PID comes round again only
+    // after millions of others, never within one tick.)
+    usleep(30 * 1000);
+    vela::test::ChooseNextPid(first);
+    const pid_t second = fork();
+    if (second == 0) pause();
+    seen += second == first ? " reused" : " not-reused";
+    seen += " " + std::to_string(SignalProcessIfSame(first, started, SIGKILL));
+    seen += ProcessIsAlive(first, started) ? " alive" : " gone";
+    seen += WaitProcessGone(first, started, 100) ? " gone" : " waits";
+    seen += kill(second, 0) == 0 ? " spared" : " hit";
+    kill(second, SIGKILL);
+    return seen;
+  });
+  EXPECT_EQ("alive 0 1 gone reused 0 gone gone spared", outcome);
+  EXPECT_EQ(0, SignalProcessIfSame(0, 0, SIGTERM));
+  EXPECT_EQ(0, SignalProcessIfSame(-1, 0, SIGTERM));
   EXPECT_EQ(std::to_string(getpid()), PIDStringGet());
 }
 
-TEST(UUIDGen, ReadsOneTrimmedLineOfUuidgen) {
+TEST(UUIDGen, ReadsOneTrimmedLineOfUuidgenAndFailsWhenItPrintsNothing) {
   std::string uuid;
   ASSERT_TRUE(UUIDGen(uuid));
-  EXPECT_EQ(36u, uuid.size()) << uuid;
+  EXPECT_TRUE(IsTaskId(uuid)) << uuid;
+  for (const char* bad : {"", "0a0b-spaced", "6F9619FF-8B86-D011-B42D-00C04FC964FF", "../../../../etc/passwd",
+                          "6f9619ff-8b86-d011-b42d-00c04fc964f/"}) {
+    EXPECT_FALSE(IsTaskId(bad)) << bad;
+  }
   ScratchDir dir;
   FakeUuidgen(dir, "printf '  0a0b-spaced \\t\\n'\n");
   ASSERT_TRUE(UUIDGen(uuid));
   EXPECT_EQ("0a0b-spaced", uuid);
-}
 
-TEST(UUIDGen, APrintsNothingFailureIsAnExternalCommandError) {
-  ScratchDir dir;
   FakeUuidgen(dir, "exit 1\n");
-  std::string uuid = "kept";
+  uuid = "kept";
   EXPECT_FALSE(UUIDGen(uuid));
   EXPECT_EQ(0x2A00, VLIBCErrGet());
   EXPECT_EQ("kept", uuid);

@@ -69,22 +69,6 @@ TEST(TaskResult, EmptyFilesReadEmptyWhileCountsBeyondTheContentAreCorrupt) {
   EXPECT_EQ(Vector{5}, v);
 }
 
-TEST(TaskResult, BadArgumentsAndMissingFilesFailWithTheirMessages) {
-  vela::test::ClearSyslog();
-  Vector v;
-  EXPECT_EQ(3, TaskResult::WriteResultVtr(TASK_RESULT_OPT_RESULT, "", v));
-  EXPECT_EQ(3, TaskResult::GetResultVtr(TASK_RESULT_OPT_RESULT, "", v));
-  EXPECT_EQ(1, TaskResult::WriteResultVtr(static_cast<TASK_RESULT_OPT>(5), kTask, v));
-  EXPECT_EQ(1u, FindSyslog(LOG_ERR, "Invaild Argument (!fileLockPath.empty())=[0]\n").size());
-  EXPECT_EQ(1u, FindSyslog(LOG_ERR, "lock failed, path ()").size());
-  EXPECT_EQ(1, TaskResult::GetResultVtr(static_cast<TASK_RESULT_OPT>(5), kTask, v));
-  EXPECT_EQ(1u, FindSyslog(LOG_ERR, "Invaild Argument (!filePath.empty())=[0]\n").size());
-  EXPECT_EQ(1, TaskResult::GetResultVtr(TASK_RESULT_OPT_RESULT, kTask, v));
-  EXPECT_EQ(1u, FindSyslog(LOG_ERR, std::string("File [/run/velabtrfssnapusage/task_result/") + kTask +
-                                        ".result] cannot be opened.").size());
-  EXPECT_EQ(1u, FindSyslog(LOG_ERR, "]: Failed to read task result to file: /run/velabtrfssnapusage/task_result/").size());
-}
-
 TEST(TaskResult, CleanFileRemovesTheTasksFilesAndLocksButNoOtherTasks) {
   const Vector v = {1, 2};
   ASSERT_EQ(0, TaskResult::WriteResultVtr(TASK_RESULT_OPT_RESULT, kTask, v));

@@ -47,18 +47,6 @@ TEST(SnapNameGenerateByTime, LocalNamesCarryTheZoneOffsetShortenedForWholeHours)
   EXPECT_EQ("GMT+00-2024.03.05-09.04.09", SnapName(Instant(), TRUE));
 }
 
-TEST(SnapNameGenerateByTime, AnyFlagOtherThanOneGivesTheUtcForm) {
-  Zone("Asia/Shanghai");
-  EXPECT_EQ("GMT-2024.03.05-09.04.09", SnapName(Instant(), FALSE));
-  EXPECT_EQ("GMT-2024.03.05-09.04.09", SnapName(Instant(), 2));
-  EXPECT_EQ("GMT-2024.03.05-09.04.09", SnapName(Instant(), -1));
-  char tiny[4] = "xyz";
-  EXPECT_EQ(0, SnapNameGenerateByTime(tiny, sizeof(tiny), Instant(), FALSE));
-  EXPECT_STREQ("", tiny);
-  EXPECT_EQ(-1, SnapNameGenerateByTime(nullptr, 10, Instant(), TRUE));
-  EXPECT_EQ(0x0D00, VLIBCErrGet());
-}
-
 TEST(TimeString, RoundTripsInLocalTimeAcrossDaylightSaving) {
   Zone("America/New_York");
   const long summer = Instant() + 120L * 86400;  // July: daylight saving time

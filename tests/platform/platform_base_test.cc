@@ -34,31 +34,6 @@ TEST(SzList, PushGrowsBeyondTheCapacityAndKeepsEveryString) {
   VLIBCSzListFree(nullptr);
 }
 
-TEST(SzHash, EnumeratesKeysInOrderAndAnswersMissingKeysWithNull) {
-  PVLIBSZHASH hash = VLIBCSzHashAlloc(4);
-  ASSERT_EQ(0, VLIBCSzHashSetValue(&hash, "b", "2"));
-  ASSERT_EQ(0, VLIBCSzHashSetValue(&hash, "a", "1"));
-  ASSERT_EQ(0, VLIBCSzHashSetValue(&hash, "b", "3"));
-  PVLIBSZLIST keys = VLIBCSzListAlloc(1);
-  EXPECT_EQ(2, VLIBCSzHashEnumKey(hash, &keys));
-  EXPECT_STREQ("a", VLIBCSzListGet(keys, 0));
-  EXPECT_STREQ("b", VLIBCSzListGet(keys, 1));
-  EXPECT_STREQ("3", VLIBCSzHashGetValue(hash, "b"));
-  EXPECT_EQ(nullptr, VLIBCSzHashGetValue(hash, "c"));
-  EXPECT_EQ(VLIB_ERR_NOT_FOUND, VLIBCErrGet());
-  VLIBCSzListFree(keys);
-  VLIBCSzHashFree(hash);
-}
-
-TEST(ErrorRecord, KeepsTheCodeAndTheCopiedPlace) {
-  std::string file = "utils/task_status";
-  VLIBCErrSetEx(0x2A00, file.c_str(), 42);
-  file = "overwritten";
-  EXPECT_EQ(0x2A00, VLIBCErrGet());
-  EXPECT_STREQ("utils/task_status", VLIBCErrorGetFile());
-  EXPECT_EQ(42, VLIBCErrorGetLine());
-}
-
 bool RefuseShort(const std::string& s) { return s.size() > 2; }
 bool RefuseFalse(const bool& b) { return b; }
 

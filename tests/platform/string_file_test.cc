@@ -21,21 +21,6 @@ std::vector<std::string> Items(const VLIBSZLIST* list) {
   return items;
 }
 
-TEST(StrTrimSpace, RemovesWhiteSpaceAtBothEndsOnly) {
-  const std::pair<std::string, std::string> cases[] = {
-      {"  a b \t\r\n", "a b"}, {"\n\v\f", ""}, {"", ""}, {"x", "x"},
-      // Bytes above 0x7f (here UTF-8 "é" and a no-break space) are not
-      // white space to a byte-wise trim.
-      {"\xc3\xa9 ", "\xc3\xa9"}, {"\xc2\xa0x\xc2\xa0", "\xc2\xa0x\xc2\xa0"}};
-  for (const auto& [input, expected] : cases) {
-    std::string buffer = input;
-    ASSERT_EQ(0, VLIBCStrTrimSpace(buffer.data()));
-    EXPECT_EQ(expected, std::string(buffer.c_str())) << "[" << input << "]";
-  }
-  EXPECT_EQ(-1, VLIBCStrTrimSpace(nullptr));
-  EXPECT_EQ(VLIB_ERR_BAD_PARAMETERS, VLIBCErrGet());
-}
-
 TEST(FileEnumDir, PushesEntryNamesInByteOrderUpToTheLimit) {
   ScratchDir dir;
   for (const char* name : {"b", "a", "C", ".hidden", "\xc3\xa9"}) WriteFile(dir / name, "");

@@ -8,6 +8,8 @@
 //   @stderr TEXT    print TEXT on standard error
 //   @pidfile PATH   write the own process ID to PATH
 //   @exit N         exit with status N
+//   @ignore-signals ignore SIGTERM and SIGPIPE from here on, as a tool that
+//                   will not be stopped would
 //   @subvols B      for the k-th root ID given after "-r MOUNT" (k from 0),
 //                   print "subvol(ID) B*(k+1) bytes"
 // Without a script it prints nothing and exits 0. A reader that goes away
@@ -40,6 +42,9 @@ int main(int argc, char** argv) {
       fprintf(stderr, "%s\n", line.c_str() + 8);
     } else if (line.rfind("@pidfile ", 0) == 0) {
       std::ofstream(line.substr(9)) << getpid() << "\n";
+    } else if (line == "@ignore-signals") {
+      signal(SIGTERM, SIG_IGN);
+      signal(SIGPIPE, SIG_IGN);
     } else if (line.rfind("@exit ", 0) == 0) {
       return atoi(line.c_str() + 6);
     } else if (line.rfind("@subvols ", 0) == 0) {

@@ -1,13 +1,17 @@
 #include "fork_child.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 
@@ -24,6 +28,50 @@ int Reap(pid_t pid) {
 }
 
 }  // namespace
+
+std::string RunInPidNamespace(const std::function<std::string()>& body) {
+  return RunForked([&]() -> std::string {
+    if (unshare(CLONE_NEWPID | CLONE_NEWNS) != 0) return std::string("unshare: ") + strerror(errno);
+    // The first child is the namespace's PID 1; its view of /proc must be
+    // of its own namespace (the sandbox's mounts are private already).
+    return RunForked([&]() -> std::string {
+      if (mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) {
+        return std::string("mount /proc: ") + strerror(errno);
+      }
+      return body();
+    });
+  });
+}
+
+int CountLiveChildren() {
+  int count = 0;
+  DIR* proc = opendir("/proc");
+  while (struct dirent* entry = proc != nullptr ? readdir(proc) : nullptr) {
+    char stat[512] = {};
+    const int fd = open(("/proc/" + std::string(entry->d_name) + "/stat").c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) continue;
+    const ssize_t n = read(fd, stat, sizeof(stat) - 1);
+    close(fd);
+    const char* close = n > 0 ? strrchr(stat, ')') : nullptr;
+    char state = 0;
+    int parent = 0;
+    if (close != nullptr && sscanf(close + 1, " %c %d", &state, &parent) == 2 && parent == getpid() &&
+        state != 'Z') {
+      ++count;
+    }
+  }
+  if (proc != nullptr) closedir(proc);
+  return count;
+}
+
+void ChooseNextPid(pid_t pid) {
+  const int fd = open("/proc/sys/kernel/ns_last_pid", O_WRONLY | O_CLOEXEC);
+  if (fd < 0) throw std::runtime_error(std::string("open ns_last_pid: ") + strerror(errno));
+  const std::string text = std::to_string(pid - 1);
+  const bool written = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  close(fd);
+  if (!written) throw std::runtime_error("write ns_last_pid");
+}
 
 std::string RunForked(const std::function<std::string()>& body) {
   int fds[2];

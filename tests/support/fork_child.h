@@ -15,6 +15,13 @@ namespace vela::test {
 // fail with a reason.
 std::string RunForked(const std::function<std::string()>& body);
 
+// Runs `body` as the first process (PID 1) of a new PID namespace with its
+// own /proc, and returns the text it returned: PIDs there are few and can
+// be chosen (ChooseNextPid), so a PID used again can be made on purpose.
+std::string RunInPidNamespace(const std::function<std::string()>& body);
+// In a PID namespace of RunInPidNamespace: makes the next fork get `pid`.
+void ChooseNextPid(pid_t pid);
+
 // A forked child running `body` until it returns (then it exits 0) or is
 // killed. The destructor kills (SIGKILL) and reaps a child still running.
 class ChildProcess {
@@ -41,6 +48,8 @@ void BecomeSubreaper();
 int WaitForExit(pid_t pid, int timeoutMs);
 // Whether this process has any child left, running or zombie.
 bool HasChildren();
+// How many processes have this one as their parent, zombies left out.
+int CountLiveChildren();
 
 // Waits up to `timeoutMs` for `fd` to become readable.
 bool WaitReadable(int fd, int timeoutMs);

@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 
 namespace vela::test {
 
@@ -103,6 +105,19 @@ std::string RemoveInto(const std::string& path) {
     }
   }
   return "";
+}
+
+std::string AddGroup(const std::string& name, unsigned gid) {
+  RequireSandbox("AddGroup");
+  std::ifstream in("/etc/group");
+  std::stringstream groups;
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind(name + ":", 0) != 0) groups << line << "\n";  // one of that name, ours
+  }
+  groups << name << ":x:" << gid << ":\n";
+  const std::string copy = std::string(kSandboxScratch) + "/group." + name;
+  std::ofstream(copy) << groups.str();
+  return BindInto(copy, "/etc/group");
 }
 
 }  // namespace vela::test

@@ -30,6 +30,10 @@ std::string BindInto(const std::string& src, const std::string& dst);
 // A missing path is fine. Returns an error text, empty on success.
 std::string RemoveInto(const std::string& path);
 
+// Gives this sandbox a group `name` with id `gid` (in place of any group of
+// that name the machine has), by binding a copy of /etc/group. Returns an error text, empty on success.
+std::string AddGroup(const std::string& name, unsigned gid);
+
 }  // namespace vela::test
 
 #endif  // VELA_TESTS_SUPPORT_SANDBOX_MOUNTS_H_

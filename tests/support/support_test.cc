@@ -37,18 +37,6 @@ TEST(Sandbox, FixedStatePathsStartMissingAndWritesStayPrivate) {
   EXPECT_EQ(0x01021994, static_cast<long>(fs.f_type));
 }
 
-TEST(Sandbox, BindPutsAFileAtAPathOfTheMachineWithoutCreatingItThere) {
-  ScratchDir dir;
-  WriteFile(dir / "double", "#!/bin/sh\necho from-double\n");
-  ASSERT_EQ(0, chmod((dir / "double").c_str(), 0755));
-  ASSERT_EQ("", BindInto(dir / "double", "/usr/sbin/vela-test-double"));
-  EXPECT_EQ("from-double\n", MustRun({"/usr/sbin/vela-test-double"}));
-  // The program run from the command line sees the machine outside: the
-  // file does not exist there.
-  EXPECT_NE(0, RunCommand({"nsenter", "-t", "1", "-m", "test", "-e",
-                           "/usr/sbin/vela-test-double"}).status);
-}
-
 TEST(SyslogCapture, RecordsLinesOfForkedChildrenWithPriorityAndNewlines) {
   ClearSyslog();
   syslog(LOG_AUTH | LOG_INFO, "%s:%d parent line", "share", 7);
@@ -65,17 +53,6 @@ TEST(SyslogCapture, RecordsLinesOfForkedChildrenWithPriorityAndNewlines) {
   EXPECT_EQ(LOG_ERR, records[1].priority);
   EXPECT_EQ("x:1 Invaild Argument (!a.empty())=[0]\n", records[1].text);
   EXPECT_EQ(1u, FindSyslog(LOG_ERR, "Invaild").size());
-}
-
-TEST(BtrfsImageFixture, MountsAVolumeWithSubvolumesAndSnapshots) {
-  BtrfsImage volume("/volume1");
-  const std::string share = volume.CreateSubvolume("share1");
-  ASSERT_EQ(0, mkdir((volume.MountPoint() + "/@snapshots").c_str(), 0755));
-  volume.Snapshot(share, volume.MountPoint() + "/@snapshots/snap");
-  const std::string list = MustRun({"btrfs", "subvolume", "list", "/volume1"});
-  EXPECT_NE(std::string::npos, list.find("path share1"));
-  EXPECT_NE(std::string::npos, list.find("path @snapshots/snap"));
-  EXPECT_EQ("btrfs\n", MustRun({"findmnt", "-n", "-o", "FSTYPE", "/volume1"}));
 }
 
 }  // namespace

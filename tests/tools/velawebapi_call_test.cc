@@ -37,10 +37,12 @@ TEST(VelawebapiCall, AnswersAsOneLineOfJsonWithTheExitStatusOfTheAnswer) {
 TEST(VelawebapiCall, UsageErrorsUnknownMethodsAndUnloadableModulesExitTwo) {
   ScratchDir dir;
   WriteFile(dir / "not-a-module.so", "garbage");
+  const std::string deep = "{\"a\":" + std::string(64, '[') + std::string(64, ']') + "}";
   const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
       {{kApi, "1", "get_conf", "{bad"}, "malformed PARAMS_JSON"},
       {{kApi, "1", "get_conf", "[1]"}, "parameters must be a JSON object"},
       {{kApi, "1", "get_conf", "{} extra"}, "malformed PARAMS_JSON"},
+      {{kApi, "1", "get_conf", deep}, "malformed PARAMS_JSON: nested deeper than 64 levels"},
       {{kApi, "1", "no_such_method"}, "has no method no_such_method of VELA.Snap.Usage.Share version 1"},
       {{kApi, "2", "get_conf"}, "has no method get_conf of VELA.Snap.Usage.Share version 2"},
       {{"Other.API", "1", "get_conf"}, "has no method get_conf of Other.API"},

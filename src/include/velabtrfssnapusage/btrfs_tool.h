@@ -37,8 +37,13 @@ class VELA_EXPORT BtrfsTool {
   // Runs the tool over the task's list (option 1: snapshot paths; option 2:
   // root IDs on "/volume%d"), hands its output to `parser` and returns a
   // BTRFS_CMD_CODE. `cmd` receives the command line.
+  // A run whose results lack a figure for any of the list's items fails
+  // (1) and leaves no result files.
   static int CmdExc(_tag_VELA_BTRFS_USAGE_CAL_TASK* task, std::string taskID, PVLIBSZLIST* ppListParam,
                     VELA_FP_PARSER_FN parser, std::string& errMsg, std::string& cmd, void* context);
+  // True when a stopped tool did not end within its grace period and was
+  // left running: the calculator child ends its process group with it.
+  static bool ToolAbandoned();
 
   // 1 if `path` is a btrfs subvolume root, 0 if not, -errno when it cannot
   // be examined, -1 for NULL.

@@ -11,10 +11,13 @@
 
 namespace VelaBtrfsUsage::Utils {
 
-// Opens (creating, mode 0644) `lockPath` and waits for a whole-file lock on
-// it, exclusive or shared. Creates the lock root directory when missing.
-// On success `fd` holds the descriptor; after a failed lock it may still hold
-// an open descriptor, which GeneralFileUnlock closes.
+// Opens `lockPath` and waits, at most 30 seconds, for a whole-file lock on
+// it, exclusive or shared. An exclusive lock creates the lock file (root's,
+// readable by the web server's group only) and its directories when
+// missing; a shared one creates nothing: with no lock file yet, nobody has
+// written, and the lock is granted with `fd` -1. On success `fd` holds the
+// descriptor; after a failed lock it may still hold an open descriptor,
+// which GeneralFileUnlock closes.
 VELA_EXPORT bool GeneralFileLock(const std::string& lockPath, bool exclusive, int& fd);
 // Releases the lock and closes `fd` (-1: nothing held, true at once). Does
 // not write -1 back.
@@ -22,9 +25,11 @@ VELA_EXPORT bool GeneralFileUnlock(int& fd);
 
 // Writes `doc` to `path` atomically. A rewrite keeps the old file's owner
 // and group and sets 0644; a new file is 0600 with the writer's owner. On
-// failure the old file stays whole and no temporary file is left.
+// failure the old file stays whole and no temporary file is left. Callers
+// hold the file's exclusive lock.
 VELA_EXPORT bool JsonToFile(const Json::Value& doc, const std::string& path);
-// Reads and parses `path` into `doc`; false when it cannot be opened or parsed.
+// Reads and parses `path` into `doc`; false when it cannot be opened or
+// parsed (a file that is not regular, or nested too deep, counts as such).
 VELA_EXPORT bool JsonFromFile(Json::Value& doc, const std::string& path);
 
 // JsonToFile, logging a failure.
@@ -32,6 +37,22 @@ VELA_EXPORT bool SetJsonAttrByPath(const char* path, const Json::Value& doc);
 // The document in `path`, or null when it is missing or unreadable (a
 // partly filled value after a parse error). Failures are logged.
 VELA_EXPORT Json::Value GetJsonAttrByPath(const char* path);
+
+// A lock held for a scope (GeneralFileLock, then GeneralFileUnlock at the
+// end). Callers log a failure to lock in their own words.
+class ScopedFileLock {
+ public:
+  ScopedFileLock(const std::string& lockPath, bool exclusive)
+      : locked_(GeneralFileLock(lockPath, exclusive, fd_)) {}
+  ~ScopedFileLock() { GeneralFileUnlock(fd_); }
+  ScopedFileLock(const ScopedFileLock&) = delete;
+  ScopedFileLock& operator=(const ScopedFileLock&) = delete;
+  bool Locked() const { return locked_; }
+
+ private:
+  int fd_ = -1;
+  bool locked_;
+};
 
 }  // namespace VelaBtrfsUsage::Utils
 

@@ -52,13 +52,27 @@ class VELA_EXPORT ShareSnapUsageCal {
   // Pushes the name of every share that has an entry.
   static BOOL GetShareTaskList(PVLIBSZLIST* list);
 
+  // The share's state as it is: a calculation recorded as pending or
+  // running whose process is proven gone has ended ("fail"). 0, or 1 when
+  // the share's status cannot be read.
+  static int GetShareState(const std::string& shareName, CAL_TASK_STATUS& state);
+
   // Whether the share may start a new calculation; `taskID` gets its
-  // current task's ID.
+  // current task's ID. Called with the share's creation lock held: a
+  // running child blocks, one proven gone does not, whatever their age.
   static bool CheckAvail(const std::string& shareName, std::string& taskID);
-  // Prepares a calculation of the share: 0, 1, 3, 4 or 11.
+  // What can be checked of a start before anything is created: the range
+  // (3 for an end before the start, or a time the time strings cannot
+  // hold), the share and its volume (1), a snapshot in the range (15), one
+  // btrfs volume (3). 0 when the start may go ahead.
+  static int CheckLaunch(const std::string& shareName, long* start, long* end);
+  // Prepares a calculation of the share: 0, 1, 3, 4 or 11. On success the
+  // object holds the share's creation lock until Launch has run.
   int CreateTask(const std::string& shareName);
   // Launches over the snapshots taken from `start` to `end` (seconds since
-  // the epoch; both null: from 0 to now; equal: every snapshot).
+  // the epoch; both null: from 0 to now; equal: every snapshot). Returns
+  // once the child has recorded itself; a failure ends the task "fail"
+  // with its code.
   int Launch(long* start, long* end);
   // Launches over the given snapshot paths.
   int Launch(PVLIBSZLIST* ppListSnapPath);
@@ -80,24 +94,34 @@ class VELA_EXPORT ShareSnapUsageCal {
 
   // Stops the share's running calculation (the child records "stop").
   static int Stop(const std::string& shareName);
-  // Removes the share's results, status record and map entry.
+  // Stops the share's running calculation and waits for it to end, then
+  // removes the task's files, the share's results, status record and map
+  // entry.
   static void CleanAll(const std::string& shareName);
   static int CleanAllSResult();
   // Cleans up every share recorded as still calculating.
   static int CleanNotDoneTask();
 
  private:
+  int LaunchRange(long start, long end);
+  // Waits until the launched child has recorded itself in the share's status.
+  int WaitForChildRecord();
+  // Records the share's calculation as ended "fail" with `code`; returns it.
+  int EndWithFailure(int code);
+  void ReleaseCreationLock();
+
   std::string shareName;
   ShareTaskStatus shareTaskStatus;
   SnapUsageCalculator calculator;
+  int creationLockFd = -1;  // the share's creation lock, from CreateTask to the end of Launch
 };
 
 extern template VELA_EXPORT int ShareSnapUsageCal::GetResultVtr(TASK_RESULT_OPT, const std::string&,
                                                                 std::vector<unsigned long long>&);
 
-// Whether `name` can name a share: a single path component ("/" and NUL
-// are refused, as are "." and "..") that is not empty. Share names become
-// parts of file paths written as root.
+// Whether `name` can name a share: a single path component of at most 255
+// bytes ("/" and NUL are refused, as are "." and "..") that is not empty.
+// Share names become parts of file paths written as root.
 VELA_EXPORT bool IsShareNameSafe(const std::string& name);
 
 }  // namespace VelaBtrfsUsage

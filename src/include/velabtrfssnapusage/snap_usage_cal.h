@@ -6,6 +6,8 @@
 
 #include <stdio.h>
 
+#include <sys/types.h>
+
 #include <string>
 
 #include "vela/vlib_szlist.h"
@@ -40,7 +42,9 @@ class VELA_EXPORT SnapUsageCalculator {
   int Init(const std::string& taskID);
   // A new task with a fresh ID in `calculator`.
   static bool CreateTask(SnapUsageCalculator& calculator);
-  // The child's start record: "pid", "error_code" -1, "start_time". 0 or 1.
+  // The child's start record, in one update: "process", "pid" and
+  // "pid_start_time" (the child, named for good), "error_code" -1,
+  // "start_time". 0 or 1.
   int SetTaskStatusReady();
   // Forks the child that runs the task and returns at once.
   int Start(_tag_VELA_BTRFS_USAGE_CAL_TASK* task, PVLIBSZLIST* ppData);
@@ -51,8 +55,14 @@ class VELA_EXPORT SnapUsageCalculator {
   int PostCalAction(_tag_VELA_BTRFS_USAGE_CAL_TASK* task);
   // Deletes the task's result and status files.
   void CleanAll();
-  // Sends SIGTERM to the task's child if it is running. 0, 1 or 3.
+  // Sends SIGTERM to the task's child if it is running, and only if the
+  // child recorded in the status is proven to be that process. 0, 1 or 3.
   static int Stop(const std::string& taskID);
+  // The child recorded in a status record: its PID and start time. False
+  // when the record does not name one.
+  static bool ReadWorker(TaskStatus& record, pid_t& pid, unsigned long long& started);
+  // The child forked by Start, in the process that called it; -1 before.
+  pid_t WorkerPid() const { return workerPid; }
   int GetTaskStatus(TASKSTATUS_ATTR attr, std::string& value);
   int GetCalculatorStatus(CAL_TASK_STATUS& status, int& errorCode);
 
@@ -71,6 +81,7 @@ class VELA_EXPORT SnapUsageCalculator {
  private:
   TaskStatus status;  // handed to the call-backs
   std::string taskID;
+  pid_t workerPid = -1;
 };
 
 }  // namespace VelaBtrfsUsage

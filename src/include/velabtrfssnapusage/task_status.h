@@ -9,6 +9,8 @@
 #include <json/json.h>
 
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "velabtrfssnapusage/export.h"
 #include "velabtrfssnapusage/types.h"
@@ -52,7 +54,12 @@ class VELA_EXPORT TaskStatus {
   static int CnvAttrsStrToEnumIdx(const std::string& text, TASKSTATUS_ATTR& attr);
 
   int GetJsonVal(Json::Value& out);
+  // Writes one attribute under the exclusive lock; nothing is written when
+  // the lock cannot be had (1).
   int SetStatusAttr(TASKSTATUS_ATTR attr, const std::string& value);
+  // Writes several attributes in one locked update: readers see all of
+  // them or none.
+  int SetStatusAttrs(const std::vector<std::pair<TASKSTATUS_ATTR, std::string>>& values);
   int SetStatusNowTimeAttr(TASKSTATUS_ATTR attr);
   int SetStatusIntAttr(TASKSTATUS_ATTR attr, int n);
   bool CheckAttrExist(TASKSTATUS_ATTR attr);
@@ -70,6 +77,7 @@ class VELA_EXPORT TaskStatus {
  protected:
   // Reads the document; a missing or corrupt file reads as an empty object.
   Json::Value ReadDocument() const;
+  int WriteAttrs(const std::vector<std::pair<TASKSTATUS_ATTR, std::string>>& values, const char* function);
 
   std::string taskID;
   std::string filePath;  // non-empty exactly when the object is valid

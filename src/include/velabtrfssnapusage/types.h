@@ -29,6 +29,10 @@ enum TASKSTATUS_ATTR : int {
   TASKSTATUS_ATTR_ESTIMATED_IN_BYTES = 8,
   TASKSTATUS_ATTR_RANGE_START = 9,
   TASKSTATUS_ATTR_RANGE_END = 10,
+  // When the calculator child started, in clock ticks after boot: with
+  // "pid" it names the child for good, as a PID used again belongs to a
+  // process started later.
+  TASKSTATUS_ATTR_PID_START = 11,
 };
 
 // States of a calculation, stored under "status".

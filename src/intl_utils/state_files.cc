@@ -1,0 +1,152 @@
+#include "intl_utils/state_files.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <limits.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "base/directory.h"
+#include "intl_utils/file_names.h"
+#include "intl_utils/log.h"
+
+namespace VelaBtrfsUsage::Utils {
+
+namespace {
+
+using vela::base::UniqueFd;
+
+constexpr char kLogSource[] = "intl_utils/utils";
+constexpr const char* kStateTrees[] = {VELA_RUN_DIR, VELA_LOCK_DIR, VELA_PERSISTENT_DIR};
+
+std::string DirName(const std::string& path) {
+  const auto slash = path.find_last_of('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// The state tree `dir` lies in, if any.
+const char* TreeOf(const std::string& dir) {
+  for (const char* tree : kStateTrees) {
+    const size_t n = strlen(tree);
+    if (dir.compare(0, n, tree) == 0 && (dir.size() == n || dir[n] == '/')) return tree;
+  }
+  return nullptr;
+}
+
+UniqueFd Walk(const std::string& dir, const char* tree, bool create) {
+  // The tree's parent is the system's ("/run", "/run/lock", "/usr/local").
+  const std::string top = DirName(tree);
+  UniqueFd at(open(top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!at.Valid()) return at;
+  std::vector<std::string> parts;
+  size_t begin = top.size() + 1;
+  while (begin <= dir.size()) {
+    const size_t end = std::min(dir.find('/', begin), dir.size());
+    parts.push_back(dir.substr(begin, end - begin));
+    begin = end + 1;
+  }
+  const vela::base::DirectoryMode how = {VELA_STATE_DIR_MODE, 0};
+  std::string walked = top;
+  for (const std::string& part : parts) {
+    walked += "/" + part;
+    if (part.empty() || part == "." || part == "..") {
+      errno = EINVAL;
+      return UniqueFd();
+    }
+    std::string refusal;
+    UniqueFd next = vela::base::OpenCheckedDirectoryAt(at.Get(), part, create, how, refusal);
+    if (!next.Valid()) {
+      if (!refusal.empty()) {
+        VELA_LOG(LOG_ERR, "Refused to use the state directory %s: %s", walked.c_str(), refusal.c_str());
+      } else if (errno != ENOENT || create) {
+        VELA_LOG(LOG_ERR, "Faild to mkdir %s, err:(%s)." VELA_ERR_FMT, walked.c_str(), strerror(errno),
+                 VELA_ERR_ARGS);
+      }
+      return next;
+    }
+    at = std::move(next);
+  }
+  return at;
+}
+
+}  // namespace
+
+UniqueFd OpenStateDirectory(const std::string& dir, bool create) {
+  if (const char* tree = TreeOf(dir)) return Walk(dir, tree, create);
+  return UniqueFd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
+bool EnsureStateDirectory(const std::string& dir) { return OpenStateDirectory(dir, true).Valid(); }
+
+bool RemoveStateFile(const std::string& path) {
+  std::string name;
+  const UniqueFd dir = OpenContainingDirectory(path, false, name);
+  if (!dir.Valid()) return errno == ENOENT;
+  return unlinkat(dir.Get(), name.c_str(), 0) == 0 || errno == ENOENT;
+}
+
+UniqueFd OpenContainingDirectory(const std::string& path, bool create, std::string& name) {
+  const auto slash = path.find_last_of('/');
+  name = slash == std::string::npos ? path : path.substr(slash + 1);
+  if (name.empty() || name == "." || name == "..") {
+    errno = EINVAL;
+    return UniqueFd();
+  }
+  return OpenStateDirectory(DirName(path), create);
+}
+
+UniqueFd OpenRegularFileAt(int dirFd, const std::string& name) {
+  UniqueFd fd(openat(dirFd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  struct stat st;
+  if (fd.Valid() && (fstat(fd.Get(), &st) != 0 || !S_ISREG(st.st_mode))) {
+    fd.Reset();
+    errno = EINVAL;
+  }
+  return fd;
+}
+
+UniqueFd OpenLockFile(const std::string& path, bool create, mode_t mode, gid_t gid) {
+  std::string name;
+  UniqueFd dir = OpenContainingDirectory(path, create, name);
+  if (!dir.Valid()) return dir;
+  constexpr int kFlags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  UniqueFd fd;
+  if (create) {
+    fd.Reset(openat(dir.Get(), name.c_str(), O_RDWR | O_CREAT | O_EXCL | kFlags, 0600));
+    if (fd.Valid()) {
+      // Made private, then given its group and mode: never more open than meant.
+      if (fchown(fd.Get(), 0, gid) != 0 || fchmod(fd.Get(), mode) != 0) return UniqueFd();
+      return fd;
+    }
+    if (errno != EEXIST) return fd;
+  }
+  fd.Reset(openat(dir.Get(), name.c_str(), (create ? O_RDWR : O_RDONLY) | kFlags));
+  struct stat st;
+  if (fd.Valid() && (fstat(fd.Get(), &st) != 0 || !S_ISREG(st.st_mode))) {
+    fd.Reset();
+    errno = EINVAL;
+  }
+  return fd;
+}
+
+bool IsPathComponent(const std::string& name) {
+  return !name.empty() && name.size() <= NAME_MAX && name != "." && name != ".." &&
+         name.find('/') == std::string::npos && name.find('\0') == std::string::npos;
+}
+
+gid_t WebServerGroupId() {
+  struct group entry;
+  struct group* found = nullptr;
+  char buffer[4096];
+  if (getgrnam_r(VELA_WEB_SERVER_GROUP, &entry, buffer, sizeof(buffer), &found) != 0 || found == nullptr) {
+    return 0;
+  }
+  return found->gr_gid;
+}
+
+}  // namespace VelaBtrfsUsage::Utils
