@@ -2,7 +2,9 @@
 # Figures of the module under contention and faults, through velawebapi-call
 # as the web server would call it, on a loopback volume with the real size
 # provider:
-#   - concurrent starts of one share: how many are let through;
+#   - concurrent starts of one share while a calculation runs (the size
+#     tool is slowed down by 3 s so that every start meets it): how many are
+#     let through, and how many calculations ever run at once;
 #   - request processes killed with SIGKILL at random moments: whether every
 #     state file still parses and every method still answers;
 #   - corrupt state files of every kind: what each method answers.
@@ -14,8 +16,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=$(realpath "${1:-build}")
+provider=$(grep -E '^VELA_BTRFS_TOOL:' "$build/CMakeCache.txt" | cut -d= -f2)
 if [ -z "${VELA_SANDBOX:-}" ]; then
-  provider=$(grep -E '^VELA_BTRFS_TOOL:' "$build/CMakeCache.txt" | cut -d= -f2)
   exec "$build/tests/support/vela-sandbox" --bind "$build/tools/vela-btrfs/vela-btrfs:$provider" -- "$0" "$build"
 fi
 
@@ -45,14 +47,27 @@ wait_end() {
 }
 
 echo "== $starters concurrent starts of one share, $rounds rounds"
+cp "$provider" "$work/provider"
+printf '#!/bin/sh\nsleep 3\nexec %s "$@"\n' "$work/provider" >"$work/slow-tool"
+chmod 755 "$work/slow-tool"
+mount --bind "$work/slow-tool" "$provider"
 for round in $(seq 1 "$rounds"); do
   call clean '{"share_name":"demo"}' >/dev/null
   for i in $(seq 1 "$starters"); do call start "$start" >"$work/start.$i" 2>&1 & done
+  # Each calculation runs one slowed-down size tool: count them while the
+  # starts come in.
+  most=0
+  for _ in $(seq 1 20); do
+    n=$({ pgrep -f 'sleep 3' || true; } | wc -l)
+    [ "$n" -gt "$most" ] && most=$n
+    sleep 0.1
+  done
   wait
   ok=$(grep -l '"success":true' "$work"/start.* | wc -l)
   busy=$(grep -l '"code":5002' "$work"/start.* | wc -l)
-  echo "round $round: $ok started, $busy answered 5002, $((starters - ok - busy)) other; calculation ended $(wait_end)"
+  echo "round $round: $ok started, $busy answered 5002, $((starters - ok - busy)) other; at most $most size tool(s) at once; ended $(wait_end)"
 done
+umount "$provider"
 
 echo "== $kills request processes killed at random moments"
 methods=(start clean cancel set_conf status get_report)
