@@ -12,6 +12,7 @@
 
 #include "base/numbers.h"
 #include "intl_utils/log.h"
+#include "snap_calculator/tool_output_parser.h"
 #include "vela/vlib_proc.h"
 #include "velabtrfssnapusage/btrfs_tool.h"
 #include "velabtrfssnapusage/process_helpers.h"
@@ -24,8 +25,6 @@ namespace VelaBtrfsUsage {
 namespace {
 
 constexpr char kLogSource[] = "snap_calculator/snap_usage_cal";
-
-bool StartsWith(const char* line, const char* word) { return strncmp(line, word, strlen(word)) == 0; }
 
 void RunProgress(VELA_PROGRESS_UPDATE_FN progress, TaskStatus& status) {
   if (progress != nullptr && progress(status, nullptr) != PROGRESS_UPDATE_SUCCESS) {
@@ -292,62 +291,32 @@ _tag_fp_parse_function_ret SnapUsageCalculator::ParseCmdFp(std::string id, FILE*
     VELA_LOG(LOG_ERR, "Failed to initialize object, taskID:(%s)" VELA_ERR_FMT, id.c_str(), VELA_ERR_ARGS);
     return FP_PARSE_FAIL;
   }
-  std::vector<unsigned long long> ids;
-  std::vector<unsigned long long> bytes;
-  // Shared by every numeric line: a "subvol" line without a byte count takes
-  // the last number read.
-  unsigned long long subvolId = 0;
-  unsigned long long value = 0;
+  ToolOutputParser parser;
   char line[1024] = {};
   while (fgets(line, sizeof(line), fp) != nullptr) {
     if (SignalHandler::StopRequested()) return FP_PARSE_SIGNALED;
-    int scanned = 1;
-    TASKSTATUS_ATTR progressAttr;
-    bool isProgress = false;
-    if (StartsWith(line, "subvol")) {
-      scanned = sscanf(line, "subvol(%llu) %llu bytes", &subvolId, &value);
-      if (scanned >= 1) {
-        size_t i = 0;
-        while (i < ids.size() && ids[i] != subvolId) ++i;
-        if (i < ids.size()) {
-          bytes[i] = value;  // the last report of a subvolume wins
-        } else {
-          ids.push_back(subvolId);
-          bytes.push_back(value);
-        }
-      }
-    } else if (StartsWith(line, "exclusive")) {
-      scanned = sscanf(line, "exclusive %llu bytes", &value);
-      progressAttr = TASKSTATUS_ATTR_ESTIMATED_IN_BYTES;
-      isProgress = true;
-    } else if (StartsWith(line, "processed")) {
-      scanned = sscanf(line, "processed %llu bytes", &value);
-      progressAttr = TASKSTATUS_ATTR_PROCESSED_IN_BYTES;
-      isProgress = true;
-    } else {
-      continue;
-    }
-    if (scanned < 1) {
+    const ToolOutputParser::Line kind = parser.Feed(line);
+    if (kind == ToolOutputParser::Line::kMalformed) {
       VELA_LOG_TASK(LOG_ERR, "ParseCmdFp", id,
                     "Failed to parse the output from BTRFS command, output:[%s], sscanf_ret: %d, errno: %d",
-                    line, scanned, errno);
+                    line, parser.Scanned(), errno);
       return FP_PARSE_FAIL;
     }
-    if (isProgress) {
-      char text[32];
-      snprintf(text, sizeof(text), "%llu", value);
-      if (record.SetStatusAttr(progressAttr, text) != TASK_STATUS_SUCCESS) return FP_PARSE_FAIL;
+    if (kind == ToolOutputParser::Line::kEstimate || kind == ToolOutputParser::Line::kProgress) {
+      const TASKSTATUS_ATTR attr = kind == ToolOutputParser::Line::kEstimate ? TASKSTATUS_ATTR_ESTIMATED_IN_BYTES
+                                                                              : TASKSTATUS_ATTR_PROCESSED_IN_BYTES;
+      if (record.SetStatusAttr(attr, std::to_string(parser.Value())) != TASK_STATUS_SUCCESS) return FP_PARSE_FAIL;
       RunProgress(progress, record);
     }
   }
   // A read error is not the end of the output: the results would be partial.
   // A read cut short by the stop signal is the stop.
   if (ferror(fp)) return SignalHandler::StopRequested() ? FP_PARSE_SIGNALED : FP_PARSE_FAIL;
-  if (TaskResult::WriteResultVtr(TASK_RESULT_OPT_RESULT, id, bytes) != TASK_RESULT_SUCCESS) {
+  if (TaskResult::WriteResultVtr(TASK_RESULT_OPT_RESULT, id, parser.Bytes()) != TASK_RESULT_SUCCESS) {
     VELA_LOG_TASK(LOG_ERR, "ParseCmdFp", id, "Failed to wirte result vector to file");
     return FP_PARSE_FAIL;
   }
-  if (TaskResult::WriteResultVtr(TASK_RESULT_OPT_SUBVOL_ID, id, ids) != TASK_RESULT_SUCCESS) {
+  if (TaskResult::WriteResultVtr(TASK_RESULT_OPT_SUBVOL_ID, id, parser.Ids()) != TASK_RESULT_SUCCESS) {
     VELA_LOG_TASK(LOG_ERR, "ParseCmdFp", id, "Failed to wirte subvol ID vector to file");
     return FP_PARSE_FAIL;
   }
