@@ -232,15 +232,23 @@ Liveness ChildLiveness(TaskStatus& status, const std::string& taskID) {
 
 // Whether the share's calculation, recorded as `state` ("ready" or
 // "process") in `status`, still has a process behind it. Where nothing can
-// be proven, a map entry younger than two minutes counts as running.
-bool CalculationRunning(const std::string& shareName, TaskStatus& status, CAL_TASK_STATUS state) {
+// be proven, a map entry younger than two minutes counts as running. A
+// caller that holds the share's creation lock knows that no request is
+// creating: it must not open the lock file again either, since closing any
+// descriptor of a file drops the process's fcntl locks on it.
+bool CalculationRunning(const std::string& shareName, TaskStatus& status, CAL_TASK_STATUS state,
+                        bool holdingCreationLock) {
   std::string taskID;
   bool expired = false;
   const int found = ShareSnapUsageCal::FindTaskID(shareName, taskID, expired);
   if (found == SHARE_CAL_NOT_FOUND) return false;
   if (found != SHARE_CAL_SUCCESS) return true;  // nothing known: as recorded
-  const Liveness live =
-      state == CAL_TASK_STATUS_READY ? CreationLiveness(shareName) : ChildLiveness(status, taskID);
+  Liveness live = Liveness::kGone;
+  if (state == CAL_TASK_STATUS_PROCESS) {
+    live = ChildLiveness(status, taskID);
+  } else if (!holdingCreationLock) {
+    live = CreationLiveness(shareName);
+  }
   if (live == Liveness::kUnknown) return !expired;
   return live == Liveness::kAlive;
 }
@@ -343,7 +351,7 @@ int ShareSnapUsageCal::GetShareState(const std::string& name, CAL_TASK_STATUS& s
     return SHARE_CAL_FAIL;
   }
   if ((state == CAL_TASK_STATUS_READY || state == CAL_TASK_STATUS_PROCESS) &&
-      !CalculationRunning(name, status, state)) {
+      !CalculationRunning(name, status, state, false)) {
     state = CAL_TASK_STATUS_FAIL;  // its process is gone: it ended, without a result
   }
   return SHARE_CAL_SUCCESS;
@@ -374,7 +382,7 @@ bool ShareSnapUsageCal::CheckAvail(const std::string& name, std::string& taskID)
     case CAL_TASK_STATUS_READY:
     case CAL_TASK_STATUS_PROCESS:
       // A running child blocks whatever its age; one that is gone does not.
-      return !CalculationRunning(name, status, state);
+      return !CalculationRunning(name, status, state, true);
     case CAL_TASK_STATUS_FAIL:
     case CAL_TASK_STATUS_STOP:
     case CAL_TASK_STATUS_DONE:
