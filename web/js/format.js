@@ -33,6 +33,17 @@ export function formatDay(seconds) {
   return localParts(seconds).date;
 }
 
+export function formatClock(seconds) {
+  return localParts(seconds).time;
+}
+
+// A short label for an axis whose times span `spanSeconds`: the day, or
+// within two days the day and the minute ("11-23 03:04").
+export function formatAxisTime(seconds, spanSeconds) {
+  const { date, time } = localParts(seconds);
+  return spanSeconds < 2 * 86400 ? `${date.slice(5)} ${time.slice(0, 5)}` : date;
+}
+
 // The value of a datetime-local input for a time, and back (NaN when empty).
 export function toInputValue(seconds) {
   const { date, time } = localParts(seconds);

@@ -3,7 +3,7 @@
 // inclusive at both ends.
 
 import { byId, clear, drawOnResize, svg } from './dom.js';
-import { formatDay, formatTime, fromInputValue, toInputValue } from './format.js';
+import { formatAxisTime, formatTime, fromInputValue, toInputValue } from './format.js';
 
 const HEIGHT = 84;
 const PAD = 18;
@@ -109,8 +109,8 @@ export class RangePicker {
       }
     }
     chart.append(
-      svg('text', { x: PAD, y: HEIGHT - 6, class: 'tick' }, formatDay(first)),
-      svg('text', { x: width - PAD, y: HEIGHT - 6, class: 'tick end' }, formatDay(last)),
+      svg('text', { x: PAD, y: HEIGHT - 6, class: 'tick' }, formatAxisTime(first, span)),
+      svg('text', { x: width - PAD, y: HEIGHT - 6, class: 'tick end' }, formatAxisTime(last, span)),
     );
     const chosen = new Set(this.selected().map((s) => s.name));
     for (const snapshot of this.snapshots) {

@@ -3,7 +3,7 @@
 
 import { ApiError, describeError, listSnapshots, usage } from './api.js';
 import { byId, clear, drawOnResize, el } from './dom.js';
-import { formatBytes, formatDay, formatTime } from './format.js';
+import { formatAxisTime, formatBytes, formatClock, formatDay } from './format.js';
 import { RangePicker } from './range_picker.js';
 import { drawUsageChart } from './usage_chart.js';
 
@@ -206,17 +206,26 @@ export class ShareView {
     box.hidden = !report;
     if (!report) return;
     const byName = new Map(this.snapshots.map((s) => [s.name, s]));
+    const times = report.snap_list.map((entry) => byName.get(entry.time)?.time).filter((t) => t !== undefined);
+    const span = times.length ? Math.max(...times) - Math.min(...times) : 0;
     let before = 0;
     for (const entry of report.snap_list) {
       const time = byName.get(entry.time)?.time;
       const marginal = entry.accum_usage - before;
       before = entry.accum_usage;
-      this.rows.push({ label: time === undefined ? entry.time : formatDay(time), marginal, cumulative: entry.accum_usage });
+      this.rows.push({
+        label: time === undefined ? entry.time : formatAxisTime(time, span),
+        marginal,
+        cumulative: entry.accum_usage,
+      });
       body.append(
         el(
           'tr',
           {},
-          el('td', {}, time === undefined ? entry.time : formatTime(time)),
+          el('td', {}, time === undefined ? entry.time : [
+            el('span', { class: 'day' }, formatDay(time)), ' ',
+            el('span', { class: 'day' }, formatClock(time)),
+          ]),
           el('td', { class: 'number' }, entry.subvol_id),
           el('td', { class: 'number', title: `${marginal} bytes` }, formatBytes(marginal)),
           el('td', { class: 'number', title: `${entry.accum_usage} bytes` }, formatBytes(entry.accum_usage)),
