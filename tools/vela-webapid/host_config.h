@@ -25,7 +25,7 @@ struct HostConfig {
   std::string forwardedForHeader;  // trusted from loopback peers only
   size_t maxBodyBytes = 64 * 1024;
   int maxConnections = 256;            // per worker
-  int maxConnectionsPerAddress = 32;   // per worker
+  int maxConnectionsPerAddress = 64;   // per worker
   int connectionTimeout = 30;          // seconds of silence before a connection is closed
   long maxRequestsPerWorker = 10000;
   int stopTimeout = 10;                // seconds a stopping worker may take
