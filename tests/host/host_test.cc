@@ -165,13 +165,18 @@ TEST_F(WebHostTest, SlowClientsAndFailedLoginsHoldUpNoOtherRequestOrLogin) {
 }
 
 TEST_F(WebHostTest, KilledAndWornOutWorkersAreReplacedAndSessionsLiveOn) {
-  WebHost host(Flags({"--max-requests-per-worker", "4"}));
+  // A stop asked for while a worker starts must not wait for the kill.
+  WebHost host(Flags({"--max-requests-per-worker", "4", "--stop-timeout", "60"}));
   ASSERT_TRUE(WaitUntil(5000, [&] { return host.Workers().size() == 2; }));
   const Session session = host.Login(admin_, "right-pass");
   const std::vector<pid_t> before = host.Workers();
   ASSERT_EQ(2u, before.size());
 
-  // Workers run with the service account's effective ids and root's saved ids.
+  // Workers run one thread each, with the service account's effective ids
+  // and root's saved ids.
+  for (pid_t worker : before) {
+    EXPECT_EQ("1", MustRun({"sh", "-c", "ls /proc/" + std::to_string(worker) + "/task | wc -l"}).substr(0, 1));
+  }
   std::ifstream status("/proc/" + std::to_string(before[0]) + "/status");
   std::string line;
   while (std::getline(status, line) && line.rfind("Uid:", 0) != 0) {

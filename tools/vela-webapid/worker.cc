@@ -28,6 +28,8 @@ int Serve(const WorkerSetup& setup) {
   BecomeServiceAccount(setup.account);
   if (!FollowMaster(setup.master)) return kWorkerDone;
   SignalPipe signals({SIGTERM, SIGINT, SIGHUP});
+  const sigset_t stopSignals = WorkerStopSignals();
+  sigprocmask(SIG_UNBLOCK, &stopSignals, nullptr);
   signal(SIGPIPE, SIG_IGN);
 
   ModuleRegistry modules;
@@ -83,6 +85,13 @@ int Serve(const WorkerSetup& setup) {
 }
 
 }  // namespace
+
+sigset_t WorkerStopSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (int sig : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&set, sig);
+  return set;
+}
 
 void RunWorker(const WorkerSetup& setup) {
   int status = kWorkerCannotStart;

@@ -6,6 +6,7 @@
 #ifndef VELA_WEBAPID_WORKER_H_
 #define VELA_WEBAPID_WORKER_H_
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <string>
@@ -20,6 +21,11 @@ namespace vela::webapid {
 inline constexpr int kWorkerDone = 0;        // stopped or served its share
 inline constexpr int kWorkerCannotStart = 1;
 inline constexpr int kWorkerPoisoned = 3;    // ids could not be restored after a request
+
+// The signals that stop a worker gracefully. A worker is forked with them
+// blocked and unblocks them once its own handlers are in place, so that a
+// stop asked for while it starts is not lost.
+sigset_t WorkerStopSignals();
 
 struct WorkerSetup {
   const HostConfig* config;

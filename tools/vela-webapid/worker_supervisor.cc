@@ -44,13 +44,17 @@ void WorkerSupervisor::Start(Slot& slot) {
   }
   UniqueFd ours(fds[0]);
   UniqueFd theirs(fds[1]);
+  const sigset_t stopSignals = WorkerStopSignals();
+  sigset_t saved;
+  sigprocmask(SIG_BLOCK, &stopSignals, &saved);
   const pid_t pid = fork();
+  if (pid == 0) run_(theirs.Get());
+  sigprocmask(SIG_SETMASK, &saved, nullptr);
   if (pid < 0) {
     syslog(LOG_ERR, "cannot fork a worker: %s; trying again in 1 s", strerror(errno));
     slot.restartAt = Clock::now() + std::chrono::seconds(1);
     return;
   }
-  if (pid == 0) run_(theirs.Get());
   slot.pid = pid;
   slot.channel = std::move(ours);
   slot.serial = nextSerial_++;
