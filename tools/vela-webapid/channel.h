@@ -6,7 +6,6 @@
 
 #include <json/json.h>
 
-#include <optional>
 
 namespace vela::webapid {
 

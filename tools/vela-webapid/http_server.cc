@@ -8,7 +8,6 @@
 #include <climits>
 #include <cstdarg>
 #include <cstdlib>
-#include <memory>
 #include <stdexcept>
 #include <vector>
 

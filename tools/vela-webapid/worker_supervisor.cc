@@ -139,12 +139,4 @@ void WorkerSupervisor::Send(uint64_t serial, const Json::Value& message) const {
   }
 }
 
-std::vector<pid_t> WorkerSupervisor::Pids() const {
-  std::vector<pid_t> pids;
-  for (const Slot& slot : slots_) {
-    if (slot.pid > 0) pids.push_back(slot.pid);
-  }
-  return pids;
-}
-
 }  // namespace vela::webapid

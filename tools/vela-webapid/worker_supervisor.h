@@ -42,8 +42,6 @@ class WorkerSupervisor {
   // The channels: descriptor and serial number of each running worker.
   std::vector<std::pair<int, uint64_t>> Channels() const;
   void Send(uint64_t serial, const Json::Value& message) const;
-  // Workers' process IDs, for the log.
-  std::vector<pid_t> Pids() const;
 
  private:
   struct Slot {
