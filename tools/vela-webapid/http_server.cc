@@ -79,6 +79,10 @@ int HttpServer::TimeoutMs() const {
 
 void HttpServer::Run() { MHD_run(daemon_); }
 
+unsigned HttpServer::Connections() const {
+  return MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_CURRENT_CONNECTIONS)->num_connections;
+}
+
 void HttpServer::StopAccepting() {
   const MHD_socket fd = MHD_quiesce_daemon(daemon_);
   if (fd != MHD_INVALID_SOCKET) close(fd);  // this worker's copy; the master keeps its own

@@ -36,6 +36,8 @@ class HttpServer {
   void Resume(HttpRequest* request);
 
   size_t RequestsInFlight() const { return inFlight_; }
+  // Open connections, idle ones included.
+  unsigned Connections() const;
   long RequestsDone() const { return done_; }
 
  private:

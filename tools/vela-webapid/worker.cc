@@ -22,6 +22,10 @@ namespace {
 
 // The longest the loop sleeps before it looks at its master again.
 constexpr int kMaxSleepMs = 1000;
+// How long a stopping worker keeps idle connections open. A client may be
+// sending its next request on one right now; given a moment, it gets its
+// answer (with "Connection: close") instead of a connection closed under it.
+constexpr auto kIdleLinger = std::chrono::seconds(2);
 
 int Serve(const WorkerSetup& setup) {
   const HostConfig& config = *setup.config;
@@ -48,18 +52,24 @@ int Serve(const WorkerSetup& setup) {
 
   int status = kWorkerDone;
   bool stopping = false;
+  MasterLink::Clock::time_point closeIdleAt;
   const auto stop = [&](const char* why) {
     if (stopping) return;
     stopping = true;
+    closeIdleAt = MasterLink::Clock::now() + kIdleLinger;
     http.StopAccepting();
     router.SetStopping();
     syslog(LOG_INFO, "worker %d stops (%s) after finishing %zu requests in flight", getpid(), why,
            http.RequestsInFlight());
   };
   for (;;) {
-    if (stopping && http.RequestsInFlight() == 0) break;
+    if (stopping && http.RequestsInFlight() == 0 &&
+        (http.Connections() == 0 || MasterLink::Clock::now() >= closeIdleAt)) {
+      break;
+    }
     int timeout = http.TimeoutMs();
     if (timeout < 0 || timeout > kMaxSleepMs) timeout = kMaxSleepMs;
+    if (stopping) timeout = std::min(timeout, 100);
     if (const auto deadline = master.NextDeadline()) {
       const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(*deadline - MasterLink::Clock::now());
       timeout = std::clamp(static_cast<int>(left.count()) + 1, 0, timeout);
