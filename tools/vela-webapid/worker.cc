@@ -52,6 +52,7 @@ int Serve(const WorkerSetup& setup) {
 
   int status = kWorkerDone;
   bool stopping = false;
+  bool masterGone = false;
   MasterLink::Clock::time_point closeIdleAt;
   const auto stop = [&](const char* why) {
     if (stopping) return;
@@ -59,7 +60,7 @@ int Serve(const WorkerSetup& setup) {
     closeIdleAt = MasterLink::Clock::now() + kIdleLinger;
     http.StopAccepting();
     router.SetStopping();
-    syslog(LOG_INFO, "worker %d stops (%s) after finishing %zu requests in flight", getpid(), why,
+    syslog(LOG_INFO, "worker %d stops (%s); it finishes the %zu requests in flight first", getpid(), why,
            http.RequestsInFlight());
   };
   for (;;) {
@@ -74,13 +75,18 @@ int Serve(const WorkerSetup& setup) {
       const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(*deadline - MasterLink::Clock::now());
       timeout = std::clamp(static_cast<int>(left.count()) + 1, 0, timeout);
     }
-    pollfd fds[3] = {{http.PollFd(), POLLIN, 0}, {master.Fd(), POLLIN, 0}, {signals.ReadFd(), POLLIN, 0}};
+    pollfd fds[3] = {{http.PollFd(), POLLIN, 0},
+                     {masterGone ? -1 : master.Fd(), POLLIN, 0},
+                     {signals.ReadFd(), POLLIN, 0}};
     if (poll(fds, 3, timeout) < 0 && errno != EINTR) {
       syslog(LOG_ERR, "worker %d: poll: %m", getpid());
       return kWorkerCannotStart;
     }
     if (fds[2].revents != 0 && !signals.Drain().empty()) stop("asked to stop");
-    if (fds[1].revents != 0 && !master.OnReadable()) stop("its master is gone");
+    if (fds[1].revents != 0 && !master.OnReadable()) {
+      masterGone = true;
+      stop("its master is gone");
+    }
     master.ExpireOverdue();
     http.Run();
     if (router.Poisoned()) {
