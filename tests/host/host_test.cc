@@ -139,6 +139,24 @@ TEST_F(WebHostTest, FailedLoginsAreDelayedAndCountedPerAddressAndPerUser) {
   EXPECT_NE(std::string::npos, host.Log().find("login of " + admin_ + " from 127.0.0.2 refused: too many failed attempts"));
 }
 
+TEST_F(WebHostTest, SessionsEndWhenIdleAndAtTheirMaximumAge) {
+  WebHost host(Flags({"--session-idle-timeout", "2", "--session-max-age", "5"}));
+  const Session idle = host.Login(admin_, "right-pass");
+  const Session busy = host.Login(admin_, "right-pass");
+  const auto start = Clock::now();
+  // Every use restarts the idle time, up to the maximum age.
+  for (int i = 0; i < 3; ++i) {
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    EXPECT_EQ(0, host.Call(busy, kGetConf, kReminderQuery).Code()) << i;
+  }
+  EXPECT_EQ(105, host.Call(idle, kGetConf, kReminderQuery).Code());
+  while (host.Call(busy, kGetConf, kReminderQuery).Code() == 0 && MillisecondsSince(start) < 10000) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  }
+  EXPECT_GE(MillisecondsSince(start), 4500);
+  EXPECT_EQ(105, host.Call(busy, kGetConf, kReminderQuery).Code());
+}
+
 TEST_F(WebHostTest, SlowClientsAndFailedLoginsHoldUpNoOtherRequestOrLogin) {
   // One worker: everything below meets in the same process.
   WebHost host(Flags({"--workers", "1", "--login-failure-delay-ms", "4000"}));
