@@ -155,14 +155,16 @@ for member in $(getent group "$admin_group" | cut -d: -f4 | tr , ' '); do
   case $hash in '' | '!'* | '*'*) ;; *) admins+=("$member") ;; esac
 done
 password_file=/root/vela-webapid-admin-password
-if [ "${#admins[@]}" -eq 0 ]; then
+if getent passwd velaadmin >/dev/null && [ -s "$password_file" ]; then
+  # Made by an earlier run; its password may have been changed since.
+  login_hint="user velaadmin, password $(cat "$password_file") (kept in $password_file, unless changed since with passwd velaadmin)"
+elif [ "${#admins[@]}" -eq 0 ]; then
   if ! getent passwd velaadmin >/dev/null; then
     useradd --create-home --shell /bin/bash --groups "$admin_group" --comment "administrator of the snapshot usage page" velaadmin
   fi
   usermod -aG "$admin_group" velaadmin
-  if [ ! -s "$password_file" ]; then
-    (umask 077 && head -c 15 /dev/urandom | base64 | tr -d '/+=' >"$password_file")
-  fi
+  install -m 600 /dev/null "$password_file"
+  head -c 15 /dev/urandom | base64 | tr -d '/+=' >"$password_file"
   echo "velaadmin:$(cat "$password_file")" | chpasswd
   login_hint="user velaadmin, password $(cat "$password_file") (kept in $password_file; change it with: passwd velaadmin)"
 else
