@@ -4,7 +4,10 @@
 # loopback btrfs volume at /volume1, a share "demo" with a handful of
 # snapshots whose contents change between them, starts a calculation over
 # their time range through the request runner, as the web server would,
-# polls its status until it ends, and prints the report.
+# polls its status until it ends, and prints the report. Last it starts
+# the web API host (systemd's unit when systemd runs, else in the
+# background) and prints the address of the administrator's page and how
+# to log in there.
 #
 # Environment: VELA_DEMO_IMAGE (default /var/lib/velabtrfssnapusage-demo/volume1.img),
 # VELA_DEMO_SHARE (default demo).
@@ -113,3 +116,61 @@ report=$(call get_report "{\"share_name\":\"$share\"}")
 } | column -t -s $'\t'
 echo
 echo "$report"
+
+# The web API host and the administrator's page. `cmake --install` above
+# put the host, its modules, the page, the PAM service and the systemd unit
+# in place and made the service account.
+echo
+echo "== the web API host"
+pidfile=/run/vela-webapid.pid
+if [ -d /run/systemd/system ]; then
+  systemctl daemon-reload
+  systemctl enable vela-webapid >/dev/null 2>&1
+  systemctl restart vela-webapid
+  how_to_stop="systemctl stop vela-webapid"
+else
+  # No systemd here: started in the background, replacing one started so before.
+  if [ -f "$pidfile" ]; then
+    old=$(cat "$pidfile")
+    if [ "$(readlink "/proc/$old/exe" 2>/dev/null)" = /usr/local/sbin/vela-webapid ]; then
+      kill -TERM "$old"
+      for _ in $(seq 1 100); do [ -e "/proc/$old" ] || break; sleep 0.1; done
+    fi
+  fi
+  setsid /usr/local/sbin/vela-webapid --pid-file "$pidfile" --log-stderr yes \
+    </dev/null >>/var/log/vela-webapid.log 2>&1 &
+  how_to_stop="kill \$(cat $pidfile)"
+fi
+url=http://127.0.0.1:5080/
+for _ in $(seq 1 100); do curl -fs -o /dev/null "$url" && break; sleep 0.1; done
+curl -fs -o /dev/null "$url" || { echo "the host did not start; see /var/log/vela-webapid.log" >&2; exit 1; }
+
+# Members of the administrators' group (sudo) log in with their password.
+# A fresh machine often has none: then an account velaadmin is made, with a
+# random password kept in a file only root can read.
+admin_group=sudo
+admins=()
+for member in $(getent group "$admin_group" | cut -d: -f4 | tr , ' '); do
+  hash=$(getent shadow "$member" | cut -d: -f2)
+  case $hash in '' | '!'* | '*'*) ;; *) admins+=("$member") ;; esac
+done
+password_file=/root/vela-webapid-admin-password
+if getent passwd velaadmin >/dev/null && [ -s "$password_file" ]; then
+  # Made by an earlier run; its password may have been changed since.
+  login_hint="user velaadmin, password $(cat "$password_file") (kept in $password_file, unless changed since with passwd velaadmin)"
+elif [ "${#admins[@]}" -eq 0 ]; then
+  if ! getent passwd velaadmin >/dev/null; then
+    useradd --create-home --shell /bin/bash --groups "$admin_group" --comment "administrator of the snapshot usage page" velaadmin
+  fi
+  usermod -aG "$admin_group" velaadmin
+  install -m 600 /dev/null "$password_file"
+  head -c 15 /dev/urandom | base64 | tr -d '/+=' >"$password_file"
+  echo "velaadmin:$(cat "$password_file")" | chpasswd
+  login_hint="user velaadmin, password $(cat "$password_file") (kept in $password_file; change it with: passwd velaadmin)"
+else
+  login_hint="any member of group $admin_group with a password (${admins[*]}), with that password"
+fi
+echo "The administrator's page: $url"
+echo "Log in as $login_hint."
+echo "From another machine: ssh -L 5080:127.0.0.1:5080 root@THIS-MACHINE, then open $url there."
+echo "Stop the host with: $how_to_stop"

@@ -18,7 +18,18 @@ packages=(
   libxxhash-dev        # xxhash64 tree block checksums in the size provider
   libgcrypt20-dev      # sha256 and blake2b tree block checksums in the size provider
   time                 # /usr/bin/time -v: the size provider's peak memory in bench/size-provider-bench.sh
+  libmicrohttpd-dev    # HTTP server of vela-webapid (Debian builds it with GnuTLS: HTTPS)
+  libgnutls28-dev      # vela-webapid: TLS through libmicrohttpd, SHA-256 of session IDs
+  libpam0g-dev         # vela-webapid: logins through PAM
+  passwd               # useradd, groupadd, chpasswd: the service account, throwaway test accounts
+  curl                 # the host tests' HTTPS requests; the load benchmark's login
+  openssl              # the host tests' throwaway TLS certificate
+  wrk                  # bench/webapi-load.sh: load on the web API host
+  chromium             # the page test: headless Debian Chromium driven by playwright-core
 )
+# Node.js and npm for the page test (playwright-core from its lock file):
+# Debian's, unless the machine has its own already.
+command -v npm >/dev/null 2>&1 || packages+=(nodejs npm)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -89,6 +89,11 @@ std::string BindInto(const std::string& src, const std::string& dst) {
   return "";
 }
 
+std::string MakePrivate(const std::string& dir) {
+  RequireSandbox("MakePrivate");
+  return IsPrivate(dir) ? "" : OverlayDirectory(dir);
+}
+
 std::string RemoveInto(const std::string& path) {
   RequireSandbox("RemoveInto");
   struct stat st;

@@ -24,6 +24,11 @@ void RequireSandbox(const char* what);
 // real machine, an overlay is laid over that directory first so that the
 // machine's files stay untouched. Returns an error text, empty on success.
 std::string BindInto(const std::string& src, const std::string& dst);
+// Makes every later change below the directory `dir` private to this
+// sandbox (an overlay over it, unless its changes are private already), so
+// that a test can run programs that edit, say, /etc/passwd. Returns an
+// error text, empty on success.
+std::string MakePrivate(const std::string& dir);
 // Makes `path` absent in this mount namespace without touching the
 // machine: when its directory belongs to the real machine, an overlay is
 // laid over that directory first, so the removal is a private whiteout.

@@ -1,0 +1,42 @@
+// One login checked through PAM in a child process of its own, so that
+// PAM's time (a slow directory, a module's delay) holds up nothing else.
+// The child authenticates, checks the account, checks membership of the
+// administrators' group and writes its verdict on a pipe.
+#ifndef VELA_WEBAPID_PAM_CHECK_H_
+#define VELA_WEBAPID_PAM_CHECK_H_
+
+#include <sys/types.h>
+
+#include <string>
+
+#include "unique_fd.h"
+
+namespace vela::webapid {
+
+struct PamCheckRequest {
+  std::string service;
+  std::string adminGroup;
+  std::string user;
+  std::string password;
+  std::string address;
+};
+
+struct PamCheckChild {
+  pid_t pid = -1;
+  UniqueFd verdict;  // readable once the child is done; EOF without a verdict is a failure
+};
+
+struct PamVerdict {
+  int code = 0;       // 0, kCodeLoginFailed, kCodeNotPermitted or kCodeUnavailable
+  std::string user;   // the name PAM settled on
+  std::string why;    // for the log
+};
+
+// Forks the checking child. Throws std::runtime_error when it cannot.
+PamCheckChild StartPamCheck(const PamCheckRequest& request);
+// Reads the verdict the child wrote; a child that wrote none failed.
+PamVerdict ReadPamVerdict(int fd);
+
+}  // namespace vela::webapid
+
+#endif  // VELA_WEBAPID_PAM_CHECK_H_
