@@ -56,6 +56,14 @@ bool ParseJsonText(const std::string& text, Json::Value& out, std::string& error
   }
 }
 
+bool ParseJsonObject(const std::string& text, Json::Value& out) {
+  std::string error;
+  Json::Value value;
+  if (!ParseJsonText(text, value, error) || !value.isObject()) return false;
+  out = std::move(value);
+  return true;
+}
+
 std::string CompactJson(const Json::Value& value) {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "";

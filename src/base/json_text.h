@@ -16,6 +16,8 @@ constexpr int kMaxJsonDepth = 64;
 // saying why, for malformed text, duplicate keys, text after the document,
 // or nesting deeper than kMaxJsonDepth.
 bool ParseJsonText(const std::string& text, Json::Value& out, std::string& error);
+// ParseJsonText, and the document must be an object.
+bool ParseJsonObject(const std::string& text, Json::Value& out);
 // `value` as compact JSON text.
 std::string CompactJson(const Json::Value& value);
 

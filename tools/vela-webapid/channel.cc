@@ -5,12 +5,12 @@
 #include <cerrno>
 #include <string>
 
-#include "json_text.h"
+#include "base/json_text.h"
 
 namespace vela::webapid {
 
 bool SendMessage(int fd, const Json::Value& message) {
-  const std::string text = JsonToText(message);
+  const std::string text = vela::base::CompactJson(message);
   if (text.size() > kMaxChannelMessage) return false;
   ssize_t n;
   while ((n = send(fd, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL)) < 0 && errno == EINTR) {
@@ -28,7 +28,7 @@ ReceiveResult ReceiveMessage(int fd, Json::Value& message) {
       return errno == EAGAIN ? ReceiveResult::kNone : ReceiveResult::kClosed;
     }
     if (static_cast<size_t>(n) <= kMaxChannelMessage &&
-        ParseJsonObject(std::string(buffer, static_cast<size_t>(n)), message)) {
+        vela::base::ParseJsonObject(std::string(buffer, static_cast<size_t>(n)), message)) {
       return ReceiveResult::kMessage;
     }
   }

@@ -4,9 +4,11 @@
 
 #include <string>
 
-#include "unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace vela::webapid {
+
+using vela::base::UniqueFd;
 
 // Binds and listens on "ADDRESS:PORT" or "[IPv6]:PORT" (numeric
 // addresses). Throws std::runtime_error naming the address on failure.

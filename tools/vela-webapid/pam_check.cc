@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "host_codes.h"
-#include "json_text.h"
+#include "base/json_text.h"
 
 namespace vela::webapid {
 
@@ -133,7 +133,7 @@ PamVerdict Check(const PamCheckRequest& request) {
   // Short enough for one atomic write on the pipe.
   out["user"] = verdict.user.substr(0, 256);
   out["why"] = verdict.why.substr(0, 512);
-  const std::string text = JsonToText(out);
+  const std::string text = vela::base::CompactJson(out);
   const ssize_t written = write(3, text.data(), text.size());
   _exit(written == static_cast<ssize_t>(text.size()) ? 0 : 1);
 }
@@ -163,7 +163,7 @@ PamVerdict ReadPamVerdict(int fd) {
   }
   const std::string text(buffer, n > 0 ? static_cast<size_t>(n) : 0);
   Json::Value value;
-  if (!ParseJsonObject(text, value) || !value["code"].isInt() || !value["user"].isString()) {
+  if (!vela::base::ParseJsonObject(text, value) || !value["code"].isInt() || !value["user"].isString()) {
     return PamVerdict{kCodeUnavailable, "", "the PAM check ended without a verdict"};
   }
   return PamVerdict{value["code"].asInt(), value["user"].asString(), value["why"].asString()};

@@ -9,9 +9,11 @@
 
 #include <string>
 
-#include "unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace vela::webapid {
+
+using vela::base::UniqueFd;
 
 struct PamCheckRequest {
   std::string service;

@@ -8,7 +8,7 @@
 #include <exception>
 
 #include "host_codes.h"
-#include "json_text.h"
+#include "base/json_text.h"
 #include "secure_token.h"
 
 namespace vela::webapid {
@@ -29,7 +29,7 @@ HttpResponse Envelope(std::string text, unsigned status = 200) {
 
 // "success" first, as clients of the web API expect to read it.
 HttpResponse Success(const Json::Value& data) {
-  return Envelope("{\"success\":true,\"data\":" + JsonToText(data) + "}");
+  return Envelope("{\"success\":true,\"data\":" + vela::base::CompactJson(data) + "}");
 }
 
 HttpResponse Error(int code) {
@@ -135,7 +135,7 @@ RouteStep RequestRouter::AskAboutSession(const HttpRequest& request, const char*
 RouteStep RequestRouter::Login(HttpRequest& request) {
   if (!request.answered) {
     Json::Value body;
-    const bool wellFormed = ParseJsonObject(request.body, body) && body["user"].isString() &&
+    const bool wellFormed = vela::base::ParseJsonObject(request.body, body) && body["user"].isString() &&
                             body["password"].isString();
     explicit_bzero(request.body.data(), request.body.size());
     if (!wellFormed) return Answer(Error(kCodeMalformedBody));
@@ -201,7 +201,7 @@ RouteStep RequestRouter::CallModule(HttpRequest& request) {
   unsigned long version = 0;
   if (!SplitApiPath(request.path, api, version, method)) return Answer(Error(kCodeUnknownApi));
   Json::Value params(Json::objectValue);
-  if (!request.body.empty() && !ParseJsonObject(request.body, params)) return Answer(Error(kCodeMalformedBody));
+  if (!request.body.empty() && !vela::base::ParseJsonObject(request.body, params)) return Answer(Error(kCodeMalformedBody));
   VELA_WEBAPI_HANDLER handler = nullptr;
   switch (modules_.Find(api, version, method, handler)) {
     case ModuleRegistry::Lookup::kUnknownApi: return Answer(Error(kCodeUnknownApi));

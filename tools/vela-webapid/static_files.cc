@@ -9,9 +9,12 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "unique_fd.h"
+#include "base/fd_io.h"
+#include "base/unique_fd.h"
 
 namespace vela::webapid {
+
+using vela::base::UniqueFd;
 
 namespace {
 
@@ -37,14 +40,9 @@ std::string ReadWhole(int dirFd, const std::string& name, const std::string& sho
   UniqueFd fd(openat(dirFd, name.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
   if (!fd.Valid()) throw std::runtime_error("cannot read " + shown + ": " + strerror(errno));
   std::string content;
-  char buffer[65536];
-  ssize_t n;
-  while ((n = read(fd.Get(), buffer, sizeof(buffer))) != 0) {
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      throw std::runtime_error("cannot read " + shown + ": " + strerror(errno));
-    }
-    content.append(buffer, static_cast<size_t>(n));
+  // The page is a handful of small files; a huge one is not served.
+  if (!vela::base::ReadToEnd(fd.Get(), 64u << 20, content)) {
+    throw std::runtime_error("cannot read " + shown + ": " + strerror(errno));
   }
   return content;
 }

@@ -16,9 +16,11 @@
 #include <utility>
 #include <vector>
 
-#include "unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace vela::webapid {
+
+using vela::base::UniqueFd;
 
 class WorkerSupervisor {
  public:
