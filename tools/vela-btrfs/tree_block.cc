@@ -1,6 +1,7 @@
 #include "tree_block.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "provider_error.h"
 
@@ -44,21 +45,25 @@ std::string TreeBlock::StructureProblem() const {
 }
 
 TreeBlockReader::TreeBlockReader(const DeviceSet& devices, const ChunkMap& chunks, const Checksum& checksum,
-                                 uint32_t nodeSize, const uint8_t* metadataFsid, uint64_t newestGeneration)
+                                 uint32_t nodeSize, std::vector<std::vector<uint8_t>> blockFsids,
+                                 uint64_t newestGeneration)
     : devices_(devices),
       chunks_(chunks),
       checksum_(checksum),
       nodeSize_(nodeSize),
-      newestGeneration_(newestGeneration) {
-  memcpy(fsid_, metadataFsid, kFsidSize);
-}
+      blockFsids_(std::move(blockFsids)),
+      newestGeneration_(newestGeneration) {}
 
 std::string TreeBlockReader::Problem(const uint8_t* data, uint64_t logical, uint64_t generation,
                                      int level) const {
   if (Le64(data + block::kBytenr) != logical) {
     return Format("the block there says it is at %llu", static_cast<unsigned long long>(Le64(data + block::kBytenr)));
   }
-  if (memcmp(data + block::kFsid, fsid_, kFsidSize) != 0) return "it belongs to another file system";
+  if (std::none_of(blockFsids_.begin(), blockFsids_.end(), [data](const std::vector<uint8_t>& fsid) {
+        return memcmp(data + block::kFsid, fsid.data(), kFsidSize) == 0;
+      })) {
+    return "it belongs to another file system";
+  }
   if (!checksum_.Matches(data, nodeSize_)) return checksum_.Name() + " checksum mismatch";
   const uint64_t found = Le64(data + block::kGeneration);
   if (found != generation || found > newestGeneration_) {
@@ -76,6 +81,10 @@ void TreeBlockReader::Read(uint64_t logical, uint64_t generation, int level, uin
   }
   std::string problem;
   for (const PhysicalLocation& copy : chunks_.Locate(logical, nodeSize_)) {
+    if (!devices_.Has(copy.devid)) {
+      if (problem.empty()) problem = Format("device %llu is missing", static_cast<unsigned long long>(copy.devid));
+      continue;
+    }
     devices_.Read(copy.devid, copy.physical, buffer, nodeSize_);
     problem = Problem(buffer, logical, generation, level);
     if (problem.empty()) return;
@@ -104,11 +113,13 @@ void TreeBlockReader::ReadMany(const std::vector<Request>& requests, int level,
       ++count;
     }
     const std::vector<PhysicalLocation> copies = chunks_.Locate(first, nodeSize_);
-    devices_.Read(copies.front().devid, copies.front().physical, merged.data(), count * nodeSize_);
+    const auto present = std::find_if(copies.begin(), copies.end(),
+                                      [this](const PhysicalLocation& copy) { return devices_.Has(copy.devid); });
+    if (present != copies.end()) devices_.Read(present->devid, present->physical, merged.data(), count * nodeSize_);
     for (size_t k = 0; k < count; ++k) {
       const Request& request = requests[i + k];
       const uint8_t* data = merged.data() + k * nodeSize_;
-      if (!Problem(data, request.logical, request.generation, level).empty()) {
+      if (present == copies.end() || !Problem(data, request.logical, request.generation, level).empty()) {
         // Another copy may be good; Read() tries them all and reports.
         Read(request.logical, request.generation, level, single.data());
         data = single.data();

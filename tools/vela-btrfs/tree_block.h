@@ -53,14 +53,15 @@ class TreeBlock {
 
 class TreeBlockReader {
  public:
-  // `metadataFsid` is the ID every tree block header carries;
-  // `newestGeneration` the superblock's generation, which no block exceeds.
+  // `blockFsids` are the IDs a tree block header may carry: the file
+  // system's own and those of its seeds; `newestGeneration` the superblock's
+  // generation, which no block exceeds.
   TreeBlockReader(const DeviceSet& devices, const ChunkMap& chunks, const Checksum& checksum,
-                  uint32_t nodeSize, const uint8_t* metadataFsid, uint64_t newestGeneration);
+                  uint32_t nodeSize, std::vector<std::vector<uint8_t>> blockFsids, uint64_t newestGeneration);
 
-  // Reads the block at `logical`, trying every copy until one passes the
-  // checks. Throws ProviderError (kind kBadBlock) naming the block and the
-  // reason when none does.
+  // Reads the block at `logical`, trying every copy on a present device
+  // until one passes the checks. Throws ProviderError (kind kBadBlock)
+  // naming the block and the reason when none does.
   void Read(uint64_t logical, uint64_t generation, int level, uint8_t* buffer) const;
 
   struct Request {
@@ -82,7 +83,7 @@ class TreeBlockReader {
   const ChunkMap& chunks_;
   const Checksum& checksum_;
   uint32_t nodeSize_;
-  uint8_t fsid_[kFsidSize];
+  std::vector<std::vector<uint8_t>> blockFsids_;
   uint64_t newestGeneration_;
 };
 

@@ -6,6 +6,7 @@
 #include <unordered_set>
 
 #include "disk_format.h"
+#include "leaf_items.h"
 #include "provider_error.h"
 
 namespace vela::btrfs {
@@ -75,16 +76,11 @@ void MergeBlockRefs(std::vector<BlockRef>& refs, int level) {
   refs.resize(out);
 }
 
-void CollectDataRefs(const TreeBlock& leaf, const Reach& reach, std::vector<DataRef>& data) {
+void CollectDataRefs(const TreeBlock& leaf, const Reach& reach, uint32_t sectorSize, std::vector<DataRef>& data) {
   for (uint32_t i = 0; i < leaf.ItemCount(); ++i) {
-    const TreeBlock::Item item = leaf.LeafItem(i);
-    if (item.key.type != BTRFS_EXTENT_DATA_KEY || item.size <= file_extent::kType) continue;
-    const uint8_t type = item.data[file_extent::kType];
-    if (type != file_extent::kRegular && type != file_extent::kPrealloc) continue;
-    if (item.size < file_extent::kSizeWithDisk) continue;
-    const uint64_t bytenr = Le64(item.data + file_extent::kDiskBytenr);
-    if (bytenr == 0) continue;  // a hole
-    data.push_back(DataRef{bytenr, Le64(item.data + file_extent::kDiskNumBytes), reach});
+    if (const auto extent = ReadFileExtent(leaf.LeafItem(i), sectorSize)) {
+      data.push_back(DataRef{extent->bytenr, extent->bytes, reach});
+    }
   }
 }
 
@@ -145,7 +141,7 @@ UsageFigures MeasureUsage(const CommittedFileSystem& fs, const std::vector<uint6
           children->push_back(BlockRef{child.bytenr, child.generation, reach});
         }
       } else {
-        CollectDataRefs(block, reach, data);
+        CollectDataRefs(block, reach, fs.SectorSize(), data);
       }
       progress.Advance(nodeSize);
     });
