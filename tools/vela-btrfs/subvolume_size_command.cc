@@ -185,6 +185,9 @@ UsageFigures MeasureNewestCommit(int fsFd, const Fsid& fsid, const std::vector<u
       const uint64_t newest = CommittedFileSystem::NewestCommit(devices, fsid.bytes);
       if ((newest != 0 && newest == generation) || lastFailure == error.what()) throw;
       lastFailure = error.what();
+      // Not an error: a note for whoever wonders why the run takes longer.
+      fprintf(stderr, "vela-btrfs: the file system moved on from commit %llu to %llu while it was read (%s); reading again\n",
+              static_cast<unsigned long long>(generation), static_cast<unsigned long long>(newest), error.what());
     }
     // A short pause, longer after each failure: a file system busy now may
     // be quiet in a moment.
