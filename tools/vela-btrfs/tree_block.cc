@@ -95,7 +95,7 @@ void TreeBlockReader::Read(uint64_t logical, uint64_t generation, int level, uin
 
 void TreeBlockReader::ReadMany(const std::vector<Request>& requests, int level,
                                const std::function<void(size_t, const TreeBlock&)>& visit) const {
-  const size_t maxBlocks = std::max<size_t>(1, kMaxMergedRead / nodeSize_);
+  const size_t maxBlocks = std::min(std::max<size_t>(1, kMaxMergedRead / nodeSize_), requests.size());
   AlignedBuffer merged(maxBlocks * nodeSize_);
   AlignedBuffer single(nodeSize_);
   size_t i = 0;
