@@ -65,8 +65,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                             {std::vector<uint8_t>(image.Fsid(), image.Fsid() + sizeof image.Fsid())},
                                             UINT64_MAX);
   try {
-    reader.ReadMany({{InMemoryImage::BlockAddress(0), image.Generation(0)}}, image.Level(0),
-                    [](size_t, const TreeBlock& block) { Parse(block); });
+    reader.ReadMany(
+        1, [&](size_t) { return vela::btrfs::TreeBlockReader::Request{InMemoryImage::BlockAddress(0), image.Generation(0)}; },
+        image.Level(0), [](size_t, const TreeBlock& block) { Parse(block); });
   } catch (const ProviderError&) {
   }
   return 0;

@@ -93,40 +93,40 @@ void TreeBlockReader::Read(uint64_t logical, uint64_t generation, int level, uin
        static_cast<unsigned long long>(logical), level, problem.c_str());
 }
 
-void TreeBlockReader::ReadMany(const std::vector<Request>& requests, int level,
+void TreeBlockReader::ReadMany(size_t count, const std::function<Request(size_t)>& request, int level,
                                const std::function<void(size_t, const TreeBlock&)>& visit) const {
-  const size_t maxBlocks = std::min(std::max<size_t>(1, kMaxMergedRead / nodeSize_), requests.size());
+  const size_t maxBlocks = std::min(std::max<size_t>(1, kMaxMergedRead / nodeSize_), count);
   AlignedBuffer merged(maxBlocks * nodeSize_);
   AlignedBuffer single(nodeSize_);
   size_t i = 0;
-  while (i < requests.size()) {
-    const uint64_t first = requests[i].logical;
+  while (i < count) {
+    const uint64_t first = request(i).logical;
     if (first % DeviceSet::kAlignment != 0) {
       Fail(ProviderError::Kind::kBadBlock, "tree block address %llu is not aligned",
            static_cast<unsigned long long>(first));
     }
     // A run of blocks that follow each other on disk, within one stripe.
     const uint64_t contiguous = chunks_.ContiguousFrom(first);
-    size_t count = 1;
-    while (i + count < requests.size() && count < maxBlocks &&
-           requests[i + count].logical == first + count * nodeSize_ && (count + 1) * nodeSize_ <= contiguous) {
-      ++count;
+    size_t run = 1;
+    while (i + run < count && run < maxBlocks && request(i + run).logical == first + run * nodeSize_ &&
+           (run + 1) * nodeSize_ <= contiguous) {
+      ++run;
     }
     const std::vector<PhysicalLocation> copies = chunks_.Locate(first, nodeSize_);
     const auto present = std::find_if(copies.begin(), copies.end(),
                                       [this](const PhysicalLocation& copy) { return devices_.Has(copy.devid); });
-    if (present != copies.end()) devices_.Read(present->devid, present->physical, merged.data(), count * nodeSize_);
-    for (size_t k = 0; k < count; ++k) {
-      const Request& request = requests[i + k];
+    if (present != copies.end()) devices_.Read(present->devid, present->physical, merged.data(), run * nodeSize_);
+    for (size_t k = 0; k < run; ++k) {
+      const Request wanted = request(i + k);
       const uint8_t* data = merged.data() + k * nodeSize_;
-      if (present == copies.end() || !Problem(data, request.logical, request.generation, level).empty()) {
+      if (present == copies.end() || !Problem(data, wanted.logical, wanted.generation, level).empty()) {
         // Another copy may be good; Read() tries them all and reports.
-        Read(request.logical, request.generation, level, single.data());
+        Read(wanted.logical, wanted.generation, level, single.data());
         data = single.data();
       }
       visit(i + k, TreeBlock(data, nodeSize_));
     }
-    i += count;
+    i += run;
   }
 }
 

@@ -68,10 +68,10 @@ class TreeBlockReader {
     uint64_t logical;
     uint64_t generation;
   };
-  // Reads the blocks of `requests` (sorted by address, all of one level),
-  // merging neighbours into larger device reads, and calls `visit` for each
-  // checked block in order.
-  void ReadMany(const std::vector<Request>& requests, int level,
+  // Reads `count` blocks of one level, the i-th as `request(i)` says (in
+  // ascending address order), merging neighbours into larger device reads,
+  // and calls `visit` for each checked block in order.
+  void ReadMany(size_t count, const std::function<Request(size_t index)>& request, int level,
                 const std::function<void(size_t index, const TreeBlock&)>& visit) const;
 
   uint32_t NodeSize() const { return nodeSize_; }
