@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is needed, builds, and runs every test twice: in a normal
-# build and in a build with AddressSanitizer and UndefinedBehaviorSanitizer.
+# build and in a build with AddressSanitizer and UndefinedBehaviorSanitizer;
+# then every fuzz target for a short while.
 # Needs root: tests mount file systems, each in its own private namespace.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -23,3 +24,5 @@ echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:strict_string_checks=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 run_suite build-asan -DVELA_SANITIZE=ON
+echo "== fuzz targets"
+./scripts/fuzz.sh 40

@@ -18,6 +18,7 @@ packages=(
   libxxhash-dev        # xxhash64 tree block checksums in the size provider
   libgcrypt20-dev      # sha256 and blake2b tree block checksums in the size provider
   time                 # /usr/bin/time -v: the size provider's peak memory in bench/size-provider-bench.sh
+  clang libclang-rt-dev  # fuzz targets: clang with libFuzzer and the sanitizer runtimes (scripts/fuzz.sh)
 )
 
 missing=()
