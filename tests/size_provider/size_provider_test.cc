@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -20,6 +19,7 @@
 #include <set>
 #include <sstream>
 
+#include "checksum.h"
 #include "size_provider/dataset.h"
 #include "support/btrfs_image.h"
 #include "support/command.h"
@@ -715,22 +715,6 @@ TEST(SizeProviderRefusals, WhatIsNoMeasurableSubvolumeOfOneBtrfsIsRefused) {
 // ---------------------------------------------------------------------------
 // Damaged tree blocks.
 
-// Castagnoli CRC, the default tree block checksum.
-uint32_t Crc32c(const uint8_t* data, size_t size) {
-  static const std::array<uint32_t, 256> table = [] {
-    std::array<uint32_t, 256> t{};
-    for (uint32_t i = 0; i < 256; ++i) {
-      uint32_t c = i;
-      for (int k = 0; k < 8; ++k) c = (c & 1) ? (c >> 1) ^ 0x82F63B78u : c >> 1;
-      t[i] = c;
-    }
-    return t;
-  }();
-  uint32_t crc = 0xFFFFFFFFu;
-  for (size_t i = 0; i < size; ++i) crc = table[(crc ^ data[i]) & 0xFF] ^ (crc >> 8);
-  return ~crc;
-}
-
 // Offsets in a tree block header.
 constexpr size_t kCsumEnd = 32, kFsid = 32, kGeneration = 80, kNritems = 96, kLevel = 100, kHeaderSize = 101;
 constexpr size_t kItemOffset = 17;  // in an item, after its key
@@ -747,7 +731,8 @@ T Get(const std::string& block, size_t at) {
 }
 
 void Reseal(std::string& block) {
-  Put<uint32_t>(block, 0, Crc32c(reinterpret_cast<const uint8_t*>(block.data()) + kCsumEnd, block.size() - kCsumEnd));
+  Put<uint32_t>(block, 0,
+                btrfs::Crc32c(reinterpret_cast<const uint8_t*>(block.data()) + kCsumEnd, block.size() - kCsumEnd));
 }
 
 class SizeProviderDamagedBlocks : public testing::Test {
