@@ -63,8 +63,7 @@ CommittedFileSystem::CommittedFileSystem(const DeviceSet& devices, const uint8_t
   AlignedBuffer sb(super::kSize);
   AlignedBuffer other(super::kSize);
   uint64_t firstDevid = 0;
-  std::vector<const uint8_t*> blockFsids;
-  std::vector<std::vector<uint8_t>> seedFsids;
+  std::vector<std::vector<uint8_t>> blockFsids;  // the seeds', then the file system's own
   for (uint64_t devid : devices_.Devids()) {
     AlignedBuffer& buffer = firstDevid == 0 ? sb : other;
     ReadSuper(devices_, devid, buffer);
@@ -74,7 +73,7 @@ CommittedFileSystem::CommittedFileSystem(const DeviceSet& devices, const uint8_t
              devices_.Path(devid).c_str());
       }
       const uint8_t* seedFsid = MetadataFsid(buffer.data());
-      seedFsids.emplace_back(seedFsid, seedFsid + kFsidSize);
+      blockFsids.emplace_back(seedFsid, seedFsid + kFsidSize);
     } else if (firstDevid == 0) {
       firstDevid = devid;
     } else if (Le64(other.data() + super::kGeneration) != Le64(sb.data() + super::kGeneration)) {
@@ -98,10 +97,10 @@ CommittedFileSystem::CommittedFileSystem(const DeviceSet& devices, const uint8_t
     Fail(ProviderError::Kind::kRefused, "unsupported node size %u or sector size %u", nodeSize_, sectorSize_);
   }
   checksum_ = std::make_unique<Checksum>(Le16(s + super::kCsumType));
-  std::vector<std::vector<uint8_t>> acceptedFsids = seedFsids;
   const uint8_t* ownFsid = MetadataFsid(s);
-  acceptedFsids.emplace_back(ownFsid, ownFsid + kFsidSize);
-  reader_ = std::make_unique<TreeBlockReader>(devices_, chunks_, *checksum_, nodeSize_, acceptedFsids, generation_);
+  blockFsids.emplace_back(ownFsid, ownFsid + kFsidSize);
+  reader_ = std::make_unique<TreeBlockReader>(devices_, chunks_, *checksum_, nodeSize_, std::move(blockFsids),
+                                              generation_);
 
   // The system chunks are in the superblock; they map the chunk tree, which
   // maps everything else.
