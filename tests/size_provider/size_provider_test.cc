@@ -339,8 +339,8 @@ void ExpectTheKernelsFigures(const Measured& m, const std::string& mount) {
   }
 }
 
-// After the churn, changes and one more snapshot: `subvolume` shares its
-// data and tree blocks with older snapshots and has new ones of its own.
+// After the churn, changes and one more snapshot, `name`: it shares data
+// and tree blocks with the older snapshots and has new ones of its own.
 std::string ChangeAndSnapshot(const ChurnDataset& data, const std::string& name) {
   MustRun({"sh", "-c",
            "set -eu; i=0; while [ $i -lt 300 ]; do [ ! -e \"$1/small/f$i\" ] || echo later >> \"$1/small/f$i\"; "
