@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is needed, builds, and runs every test twice: in a normal
-# build and in a build with AddressSanitizer and UndefinedBehaviorSanitizer.
+# build and in a build with AddressSanitizer and UndefinedBehaviorSanitizer;
+# then every fuzz target for a short while.
 # Needs root: tests mount file systems, each in its own private namespace.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -26,3 +27,5 @@ export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 # faults, and the build takes far less time.
 run_suite build-asan -DVELA_SANITIZE=ON -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1 -DNDEBUG" \
   -DCMAKE_C_FLAGS_RELWITHDEBINFO="-O1 -g1 -DNDEBUG"
+echo "== fuzz targets"
+./scripts/fuzz.sh 40

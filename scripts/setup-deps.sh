@@ -26,6 +26,7 @@ packages=(
   openssl              # the host tests' throwaway TLS certificate
   wrk                  # bench/webapi-load.sh: load on the web API host
   chromium             # the page test: headless Debian Chromium driven by playwright-core
+  clang libclang-rt-dev  # fuzz targets: clang with libFuzzer and the sanitizer runtimes (scripts/fuzz.sh)
 )
 # Node.js and npm for the page test (playwright-core from its lock file):
 # Debian's, unless the machine has its own already.

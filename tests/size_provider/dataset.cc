@@ -4,6 +4,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <sstream>
@@ -147,6 +148,44 @@ std::map<std::string, Qgroup> ReadQgroups(const std::string& mount) {
   }
   if (groups.empty()) throw std::runtime_error("no quota group in: " + shown.out);
   return groups;
+}
+
+std::map<std::string, Qgroup> QuotaGroupsOfPrefixes(const std::string& mount,
+                                                    const std::vector<std::vector<uint64_t>>& orders) {
+  MustRun({"btrfs", "quota", "enable", mount});
+  MustRun({"btrfs", "quota", "rescan", "-W", mount});
+  for (size_t level = 1; level <= orders.size(); ++level) {
+    const std::vector<uint64_t>& ids = orders[level - 1];
+    for (size_t k = 1; k <= ids.size(); ++k) {
+      const std::string group = std::to_string(level) + "/" + std::to_string(k);
+      MustRun({"btrfs", "qgroup", "create", group, mount});
+      for (size_t j = 0; j < k; ++j) {
+        MustRun({"btrfs", "qgroup", "assign", "--no-rescan", "0/" + std::to_string(ids[j]), group, mount});
+      }
+    }
+  }
+  MustRun({"btrfs", "quota", "rescan", "-w", mount});
+  return ReadQgroups(mount);
+}
+
+LoopDevices::~LoopDevices() {
+  while (!devices_.empty()) Detach(devices_.back());
+}
+
+std::string LoopDevices::Attach(const std::string& image, uint64_t bytes) {
+  if (bytes > 0) MustRun({"truncate", "-s", std::to_string(bytes), image});
+  std::string device = MustRun({"losetup", "--find", "--show", image});
+  while (!device.empty() && device.back() == '\n') device.pop_back();
+  devices_.push_back(device);
+  return device;
+}
+
+void LoopDevices::Detach(const std::string& device) {
+  // A device the kernel still lists would stand in for the next file system
+  // with the same ID; it is not an error when the kernel never listed it.
+  RunCommand({"btrfs", "device", "scan", "--forget", device});
+  RunCommand({"losetup", "-d", device});
+  devices_.erase(std::remove(devices_.begin(), devices_.end(), device), devices_.end());
 }
 
 std::vector<TreeBlockInfo> TreeBlocks(const std::string& image, uint64_t rootId) {

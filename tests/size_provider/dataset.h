@@ -46,6 +46,33 @@ struct Qgroup {
 };
 std::map<std::string, Qgroup> ReadQgroups(const std::string& mount);
 
+// The kernel's figures on the btrfs mounted at `mount` (a byte copy: this
+// enables quotas there): quota group "0/ID" for every subvolume, and for the
+// i-th of `orders` (0-based) a level i+1 group "i+1/k" holding the first k
+// subvolumes of that order, so that its exclusive figure is what deleting
+// them together frees.
+std::map<std::string, Qgroup> QuotaGroupsOfPrefixes(const std::string& mount,
+                                                    const std::vector<std::vector<uint64_t>>& orders);
+
+// Loop devices over image files, for file systems of several devices. Each
+// is forgotten by the kernel's list of btrfs devices and detached on
+// Detach() or when the object goes away (its file system unmounted first).
+class LoopDevices {
+ public:
+  LoopDevices() = default;
+  ~LoopDevices();
+  LoopDevices(const LoopDevices&) = delete;
+  LoopDevices& operator=(const LoopDevices&) = delete;
+
+  // Attaches `image`, made sparse with `bytes` unless it exists; returns
+  // the device ("/dev/loopN").
+  std::string Attach(const std::string& image, uint64_t bytes = 0);
+  void Detach(const std::string& device);
+
+ private:
+  std::vector<std::string> devices_;
+};
+
 // A tree block as listed by the file system's own dump of a tree.
 struct TreeBlockInfo {
   uint64_t bytenr = 0;

@@ -9,9 +9,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -19,6 +19,7 @@
 #include <set>
 #include <sstream>
 
+#include "checksum.h"
 #include "size_provider/dataset.h"
 #include "support/btrfs_image.h"
 #include "support/command.h"
@@ -37,6 +38,14 @@ constexpr char kProvider[] = VELA_TEST_SIZE_PROVIDER_PATH;
 // of stalling it (a killed run exits 137).
 CommandResult Provider(const std::vector<std::string>& args) {
   std::vector<std::string> argv = {"timeout", "-s", "KILL", "120", kProvider};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return RunCommand(argv);
+}
+
+// The same, with the provider's reads limited by `throttle`.
+CommandResult ThrottledProvider(const ReadThrottle& throttle, const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {"timeout", "-s", "KILL", "120", "sh", "-c", "echo $$ > \"$1\" && shift && exec \"$@\"",
+                                   "throttled", throttle.Procs(), kProvider};
   argv.insert(argv.end(), args.begin(), args.end());
   return RunCommand(argv);
 }
@@ -273,19 +282,7 @@ TEST_P(SizeProviderQuotaGroups, FiguresEqualTheKernelsQuotaGroupsToTheByteWhileA
   ScratchDir scratch;
   MountedCopy copy(volume.ImagePath(), scratch / "copy.img", "/volume2");
   MustRun({"btrfs", "subvolume", "sync", "/volume2"});
-  MustRun({"btrfs", "quota", "enable", "/volume2"});
-  MustRun({"btrfs", "quota", "rescan", "-W", "/volume2"});
-  for (const auto& [level, ids] : {std::make_pair(1, idsA), std::make_pair(2, idsB)}) {
-    for (size_t k = 1; k <= ids.size(); ++k) {
-      const std::string group = std::to_string(level) + "/" + std::to_string(k);
-      MustRun({"btrfs", "qgroup", "create", group, "/volume2"});
-      for (size_t j = 0; j < k; ++j) {
-        MustRun({"btrfs", "qgroup", "assign", "--no-rescan", "0/" + std::to_string(ids[j]), group, "/volume2"});
-      }
-    }
-  }
-  MustRun({"btrfs", "quota", "rescan", "-w", "/volume2"});
-  const auto groups = ReadQgroups("/volume2");
+  const auto groups = QuotaGroupsOfPrefixes("/volume2", {idsA, idsB});
 
   for (size_t i = 0; i < snaps.size(); ++i) {
     EXPECT_EQ(groups.at("0/" + std::to_string(snapIds[i])).exclusive, exclusive.Bytes()[i]) << snaps[i];
@@ -313,6 +310,169 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(Layout{"DefaultLayout", {}, 1},
                     Layout{"SmallNodesXxhashSingleMetadata", {"-n", "4096", "--csum", "xxhash", "-m", "single"}, 2}),
     [](const testing::TestParamInfo<Layout>& info) { return std::string(info.param.name); });
+
+// ---------------------------------------------------------------------------
+// File systems of several devices: a sprout of a seed, and RAID1 with a
+// device missing. Figures on the mounted file system, then the kernel's
+// quota groups on byte copies of what is left of its devices.
+
+struct Measured {
+  std::vector<uint64_t> ids;
+  Output exclusive, marginal;  // marginal in the given order
+};
+
+Measured Measure(const std::vector<std::string>& snapshots) {
+  Measured m{RootIds(snapshots), Figures(Provider(SizeArgs({"-v"}, snapshots))),
+             Figures(Provider(SizeArgs({"-vpm"}, snapshots)))};
+  EXPECT_EQ(m.ids, m.exclusive.Ids());
+  EXPECT_EQ(m.ids, m.marginal.Ids());
+  return m;
+}
+
+void ExpectTheKernelsFigures(const Measured& m, const std::string& mount) {
+  const auto groups = QuotaGroupsOfPrefixes(mount, {m.ids});
+  if (m.exclusive.subvols.size() != m.ids.size() || m.marginal.subvols.size() != m.ids.size()) return;
+  const auto sums = RunningSums(m.marginal.Bytes());
+  for (size_t i = 0; i < m.ids.size(); ++i) {
+    EXPECT_EQ(groups.at("0/" + std::to_string(m.ids[i])).exclusive, m.exclusive.Bytes()[i]) << "subvolume " << m.ids[i];
+    EXPECT_EQ(groups.at("1/" + std::to_string(i + 1)).exclusive, sums[i]) << "the first " << i + 1;
+  }
+}
+
+// After the churn, changes and one more snapshot, `name`: it shares data
+// and tree blocks with the older snapshots and has new ones of its own.
+std::string ChangeAndSnapshot(const ChurnDataset& data, const std::string& name) {
+  MustRun({"sh", "-c",
+           "set -eu; i=0; while [ $i -lt 300 ]; do [ ! -e \"$1/small/f$i\" ] || echo later >> \"$1/small/f$i\"; "
+           "i=$((i + 7)); done; head -c 200000 /dev/urandom > \"$1/later\"; rm \"$1/big1\"",
+           "change", data.share});
+  const std::string& oldest = data.snapshots.front();
+  const std::string snapshot = oldest.substr(0, oldest.rfind('/') + 1) + name;
+  MustRun({"btrfs", "-q", "subvolume", "snapshot", "-r", data.share, snapshot});
+  return snapshot;
+}
+
+TEST(SizeProviderMultiDevice, ASproutReadsItsSeedAndGivesTheKernelsFigures) {
+  ScratchDir scratch;
+  LoopDevices loops;
+  const std::string seed = loops.Attach(scratch / "seed.img", 512ull << 20);
+  MustRun({"mkfs.btrfs", "-q", "-f", seed});
+  MustRun({"mount", seed, "/volume1"});
+  const ChurnDataset data = BuildChurnDataset("/volume1", 300);
+  MustRun({"umount", "/volume1"});
+  MustRun({"btrfstune", "-S", "1", seed});
+  MustRun({"mount", "-o", "ro", seed, "/volume1"});
+  const std::string sprout = loops.Attach(scratch / "sprout.img", 512ull << 20);
+  MustRun({"btrfs", "device", "add", "-K", "-f", sprout, "/volume1"});
+  MustRun({"mount", "-o", "remount,rw", "/volume1"});
+  std::vector<std::string> snaps = data.snapshots;
+  snaps.push_back(ChangeAndSnapshot(data, "sprouted"));
+  const Measured measured = Measure(snaps);
+
+  MustRun({"umount", "/volume1"});
+  MustRun({"cp", "--sparse=always", scratch / "seed.img", scratch / "seed-copy.img"});
+  MustRun({"cp", "--sparse=always", scratch / "sprout.img", scratch / "sprout-copy.img"});
+  loops.Detach(sprout);
+  loops.Detach(seed);
+  MustRun({"btrfs", "device", "scan", loops.Attach(scratch / "seed-copy.img")});
+  MustRun({"mount", loops.Attach(scratch / "sprout-copy.img"), "/volume2"});
+  ExpectTheKernelsFigures(measured, "/volume2");
+  MustRun({"umount", "/volume2"});
+}
+
+TEST(SizeProviderMultiDevice, Raid1WithItsFirstDeviceMissingIsReadFromTheOtherAndGivesTheKernelsFigures) {
+  ScratchDir scratch;
+  LoopDevices loops;
+  const std::string first = loops.Attach(scratch / "first.img", 512ull << 20);
+  const std::string second = loops.Attach(scratch / "second.img", 512ull << 20);
+  MustRun({"mkfs.btrfs", "-q", "-f", "-d", "raid1", "-m", "raid1", first, second});
+  MustRun({"mount", second, "/volume1"});
+  const ChurnDataset data = BuildChurnDataset("/volume1", 300);
+  MustRun({"umount", "/volume1"});
+  loops.Detach(first);
+  MustRun({"mount", "-o", "degraded", second, "/volume1"});
+  ASSERT_NE(std::string::npos, MustRun({"btrfs", "filesystem", "show", "/volume1"}).find("MISSING"));
+  std::vector<std::string> snaps = data.snapshots;
+  snaps.push_back(ChangeAndSnapshot(data, "degraded"));
+  const Measured measured = Measure(snaps);
+
+  MustRun({"umount", "/volume1"});
+  MustRun({"cp", "--sparse=always", scratch / "second.img", scratch / "copy.img"});
+  loops.Detach(second);
+  MustRun({"mount", "-o", "degraded", loops.Attach(scratch / "copy.img"), "/volume2"});
+  ExpectTheKernelsFigures(measured, "/volume2");
+  MustRun({"umount", "/volume2"});
+}
+
+// ---------------------------------------------------------------------------
+// A busy file system: snapshots taken and deleted every fifth of a second on
+// the same volume. Freed blocks are discarded at once, so a block read after
+// the file system has moved on is gone, not merely stale.
+
+// $1 the subvolume to churn, $2 where its snapshots go, $3 the file whose
+// existence stops the loop.
+constexpr char kSnapshotChurnScript[] = R"sh(set -eu
+k=0
+while [ ! -e "$3" ]; do
+  k=$((k + 1))
+  i=$((k % 10))
+  while [ $i -lt 3000 ]; do echo "$k" >> "$1/f$i"; i=$((i + 10)); done
+  btrfs -q subvolume snapshot "$1" "$2/o$k"
+  [ $k -eq 1 ] || btrfs -q subvolume delete "$2/o$((k - 1))"
+  sleep 0.2
+done
+)sh";
+
+TEST(SizeProviderBusy, SnapshotsTakenAndDeletedAllTheTimeFailNoRunAndADeadlineEndsAReadingTheyAlwaysOvertake) {
+  BtrfsImage volume("/volume1", 512ull << 20, {}, "discard=sync");
+  const ChurnDataset data = BuildChurnDataset("/volume1", 600);
+  MustRun({"sh", "-c", "i=0; while [ $i -lt 3000 ]; do echo $i > \"$1/f$i\"; i=$((i + 1)); done; mkdir /volume1/churn",
+           "fill", data.other});
+  const CommandResult quiet = Provider(SizeArgs({"-vpm"}, data.snapshots));
+  const Output quietOut = Figures(quiet);
+  ASSERT_FALSE(quietOut.progress.empty());
+  const uint64_t walked = quietOut.progress.back().bytes;
+
+  ScratchDir scratch;
+  const std::string stop = scratch / "stop";
+  ChildProcess churn([&] {
+    execl("/bin/sh", "sh", "-c", kSnapshotChurnScript, "churn", data.other.c_str(), "/volume1/churn", stop.c_str(),
+          static_cast<char*>(nullptr));
+  });
+  // Reads slowed so that a reading lasts about as long as the churn takes
+  // to move on: many are overtaken. VELA_BUSY_RUNS asks for more runs.
+  const int runs = getenv("VELA_BUSY_RUNS") != nullptr ? atoi(getenv("VELA_BUSY_RUNS")) : 20;
+  int restarts = 0;
+  {
+    ReadThrottle throttle(LoopDevice(volume.ImagePath()), walked * 5);
+    for (int run = 0; run < runs; ++run) {
+      const CommandResult busy = ThrottledProvider(throttle, SizeArgs({"-vpm"}, data.snapshots));
+      EXPECT_EQ(0, busy.status) << busy.err;
+      EXPECT_EQ(quietOut.subvols, Parse(busy.out).subvols) << busy.err;
+      for (size_t at = busy.err.find("reading again"); at != std::string::npos; at = busy.err.find("reading again", at + 1)) {
+        ++restarts;
+      }
+    }
+  }
+  EXPECT_GT(restarts, 0) << "the churn should have overtaken some readings";
+  printf("%d runs, %d readings overtaken and started over\n", runs, restarts);
+
+  // Slowed so much that the churn overtakes every reading: the run stops
+  // at its deadline and says why.
+  {
+    ReadThrottle throttle(LoopDevice(volume.ImagePath()), walked / 3);
+    const auto start = std::chrono::steady_clock::now();
+    const CommandResult overtaken = ThrottledProvider(throttle, SizeArgs({"-vpm", "--deadline", "1"}, data.snapshots));
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_EQ(3, overtaken.status) << overtaken.err;
+    EXPECT_NE(std::string::npos, overtaken.err.find("the file system kept changing")) << overtaken.err;
+    const Output partial = Parse(overtaken.out);
+    EXPECT_TRUE(partial.subvols.empty() && !partial.hasTotal) << overtaken.out;
+    EXPECT_LT(seconds, 20) << "one reading after the deadline at most";
+  }
+  WriteFile(stop, "");
+  EXPECT_EQ(0, churn.Wait());
+}
 
 // ---------------------------------------------------------------------------
 // Flag forms, modes and the relations between the figures.
@@ -380,11 +540,8 @@ TEST(SizeProvider, ARunSlowedByItsDiskReportsProgressAlongTheWayAtAModestRate) {
   const ChurnDataset data = BuildChurnDataset("/volume1", 2000);
   ReadThrottle throttle(LoopDevice(volume.ImagePath()), 1u << 20);
 
-  std::vector<std::string> argv = {"sh", "-c", "echo $$ > \"$1\" && shift && exec \"$@\"", "throttled",
-                                   throttle.Procs(), kProvider, "subvolume", "size", "-vpm"};
-  argv.insert(argv.end(), data.snapshots.begin(), data.snapshots.end());
   const auto start = std::chrono::steady_clock::now();
-  const CommandResult run = RunCommand(argv);
+  const CommandResult run = ThrottledProvider(throttle, SizeArgs({"-vpm"}, data.snapshots));
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
   const Output out = Figures(run);
@@ -481,25 +638,33 @@ void ExpectRefused(const std::vector<std::string>& args, int status, const std::
   EXPECT_NE(std::string::npos, run.err.find(mentioned)) << run.err;
 }
 
-TEST(SizeProviderRefusals, UsageErrorsExitWithTwo) {
-  ExpectRefused({}, kUsage, "");
-  ExpectRefused({"subvolume"}, kUsage, "");
-  ExpectRefused({"subvolume", "list", "/"}, kUsage, "");
-  ExpectRefused({"frobnicate"}, kUsage, "");
-  ExpectRefused({"subvolume", "size"}, kUsage, "");
-  ExpectRefused({"subvolume", "size", "-v"}, kUsage, "");
+TEST(SizeProviderRefusals, UsageErrorsExitWithTwoAndNameWhatIsWrong) {
+  ExpectRefused({}, kUsage, "no command");
+  ExpectRefused({"frobnicate"}, kUsage, "unknown command 'frobnicate'");
+  ExpectRefused({"subvolume"}, kUsage, "size");
+  ExpectRefused({"subvolume", "list", "/"}, kUsage, "unknown command 'subvolume list'");
+  ExpectRefused({"subvolume", "size"}, kUsage, "no subvolume");
+  ExpectRefused({"subvolume", "size", "-v"}, kUsage, "no subvolume");
   ExpectRefused({"subvolume", "size", "-x", "/"}, kUsage, "-x");
-  ExpectRefused({"subvolume", "size", "-vq", "/"}, kUsage, "q");
-  ExpectRefused({"subvolume", "size", "-r"}, kUsage, "");
-  ExpectRefused({"subvolume", "size", "-vpm", "-r", "/"}, kUsage, "");
-  ExpectRefused({"subvolume", "size", "-r", "/", "abc"}, kUsage, "abc");
-  ExpectRefused({"subvolume", "size", "-r", "/", "257", "12x"}, kUsage, "12x");
-  ExpectRefused({"subvolume", "size", "-r", "/", "-5"}, kUsage, "-5");
-  ExpectRefused({"subvolume", "size", "-r", "/", "99999999999999999999999"}, kUsage, "99999999999999999999999");
+  ExpectRefused({"subvolume", "size", "-vq", "/"}, kUsage, "'-q' in '-vq'");
+  ExpectRefused({"subvolume", "size", "--verbose", "/"}, kUsage, "--verbose");
+  ExpectRefused({"subvolume", "size", "-r"}, kUsage, "-r needs");
+  ExpectRefused({"subvolume", "size", "-vpm", "-r", "/"}, kUsage, "-r needs");
+  for (const char* id : {"abc", "12x", "-5", "+5", "0256", "00", "99999999999999999999", "99999999999999999999999"}) {
+    ExpectRefused({"subvolume", "size", "-r", "/", "257", id}, kUsage, std::string("'") + id + "' is not a root ID");
+  }
+  for (const char* seconds : {"0", "-1", "1.5", "86401", "", "x"}) {
+    ExpectRefused({"subvolume", "size", "--deadline", seconds, "/"}, kUsage, "--deadline");
+    ExpectRefused({"subvolume", "size", std::string("--deadline=") + seconds, "/"}, kUsage, "--deadline");
+  }
+  ExpectRefused({"subvolume", "size", "-v", "--deadline"}, kUsage, "--deadline");
 
-  const CommandResult help = Provider({"--help"});
-  EXPECT_EQ(0, help.status);
-  EXPECT_NE(std::string::npos, help.out.find("subvolume size")) << help.out;
+  for (const std::vector<std::string>& help : {std::vector<std::string>{"--help"}, {"subvolume", "size", "--help"}}) {
+    const CommandResult shown = Provider(help);
+    EXPECT_EQ(0, shown.status);
+    EXPECT_NE(std::string::npos, shown.out.find("subvolume size")) << shown.out;
+  }
+  EXPECT_NE(std::string::npos, Provider({"subvolume", "size", "--help"}).out.find("--deadline"));
 }
 
 TEST(SizeProviderRefusals, WhatIsNoMeasurableSubvolumeOfOneBtrfsIsRefused) {
@@ -532,26 +697,23 @@ TEST(SizeProviderRefusals, WhatIsNoMeasurableSubvolumeOfOneBtrfsIsRefused) {
   ExpectRefused({"subvolume", "size", "-v", s1, "/volume1/latest"}, kFailure, "");
   ExpectRefused({"subvolume", "size", "-vpm", "-r", "/volume1", s1Id, "5", s1Id}, kFailure, s1Id);
   umount2("/volume3", MNT_DETACH);
+
+  // Output that cannot be written is no success: a full device, a closed
+  // standard output, for figures, progress and help alike.
+  for (const char* redirect : {">/dev/full", ">&-"}) {
+    for (const std::vector<std::string>& args : {SizeArgs({"-v"}, {s1}), SizeArgs({"-p"}, {s1}), {"--help"}}) {
+      std::vector<std::string> argv = {"sh", "-c", std::string("exec \"$@\" ") + redirect, "sh", kProvider};
+      argv.insert(argv.end(), args.begin(), args.end());
+      const CommandResult run = RunCommand(argv);
+      SCOPED_TRACE(redirect + testing::PrintToString(args));
+      EXPECT_EQ(1, run.status);
+      EXPECT_NE(std::string::npos, run.err.find("cannot write to standard output")) << run.err;
+    }
+  }
 }
 
 // ---------------------------------------------------------------------------
 // Damaged tree blocks.
-
-// Castagnoli CRC, the default tree block checksum.
-uint32_t Crc32c(const uint8_t* data, size_t size) {
-  static const std::array<uint32_t, 256> table = [] {
-    std::array<uint32_t, 256> t{};
-    for (uint32_t i = 0; i < 256; ++i) {
-      uint32_t c = i;
-      for (int k = 0; k < 8; ++k) c = (c & 1) ? (c >> 1) ^ 0x82F63B78u : c >> 1;
-      t[i] = c;
-    }
-    return t;
-  }();
-  uint32_t crc = 0xFFFFFFFFu;
-  for (size_t i = 0; i < size; ++i) crc = table[(crc ^ data[i]) & 0xFF] ^ (crc >> 8);
-  return ~crc;
-}
 
 // Offsets in a tree block header.
 constexpr size_t kCsumEnd = 32, kFsid = 32, kGeneration = 80, kNritems = 96, kLevel = 100, kHeaderSize = 101;
@@ -569,7 +731,8 @@ T Get(const std::string& block, size_t at) {
 }
 
 void Reseal(std::string& block) {
-  Put<uint32_t>(block, 0, Crc32c(reinterpret_cast<const uint8_t*>(block.data()) + kCsumEnd, block.size() - kCsumEnd));
+  Put<uint32_t>(block, 0,
+                btrfs::Crc32c(reinterpret_cast<const uint8_t*>(block.data()) + kCsumEnd, block.size() - kCsumEnd));
 }
 
 class SizeProviderDamagedBlocks : public testing::Test {

@@ -1,15 +1,9 @@
 #include "committed_file_system.h"
 
-#include <linux/btrfs.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstddef>
 #include <cstring>
 
-#include "disk_format.h"
 #include "provider_error.h"
 
 namespace vela::btrfs {
@@ -22,7 +16,7 @@ constexpr uint64_t kSupportedIncompat = ~(kIncompatExtentTreeV2 | kIncompatRaidS
 void ReadSuper(const DeviceSet& devices, uint64_t devid, AlignedBuffer& buffer) {
   devices.Read(devid, super::kOffset, buffer.data(), super::kSize);
   const uint8_t* sb = buffer.data();
-  const std::string& path = devices.Paths().at(devid);
+  const std::string& path = devices.Path(devid);
   if (Le64(sb + super::kMagicField) != super::kMagic || Le64(sb + super::kBytenr) != super::kOffset) {
     Fail(ProviderError::Kind::kRefused, "%s holds no btrfs superblock", path.c_str());
   }
@@ -37,48 +31,76 @@ void ReadSuper(const DeviceSet& devices, uint64_t devid, AlignedBuffer& buffer) 
   }
 }
 
-void Commit(int fsFd) {
-  if (ioctl(fsFd, BTRFS_IOC_SYNC) == 0) return;
-  // Without the file system's own commit, a plain sync commits as well.
-  if (syncfs(fsFd) != 0) {
-    Fail(ProviderError::Kind::kSystem, "cannot commit the file system: %s", strerror(errno));
-  }
+bool IsOf(const AlignedBuffer& sb, const uint8_t (&fsid)[kFsidSize]) {
+  return memcmp(sb.data() + super::kFsid, fsid, kFsidSize) == 0;
+}
+
+// The ID every tree block of the file system of this superblock carries.
+const uint8_t* MetadataFsid(const uint8_t* sb) {
+  return (Le64(sb + super::kIncompatFlags) & BTRFS_FEATURE_INCOMPAT_METADATA_UUID) != 0 ? sb + super::kMetadataUuid
+                                                                                       : sb + super::kFsid;
 }
 
 }  // namespace
 
-CommittedFileSystem::CommittedFileSystem(int fsFd) : devices_((Commit(fsFd), fsFd)) {
+uint64_t CommittedFileSystem::NewestCommit(const DeviceSet& devices, const uint8_t (&fsid)[kFsidSize]) {
   AlignedBuffer sb(super::kSize);
-  const uint64_t firstDevid = devices_.Paths().begin()->first;
-  ReadSuper(devices_, firstDevid, sb);
+  for (uint64_t devid : devices.Devids()) {
+    try {
+      ReadSuper(devices, devid, sb);
+    } catch (const ProviderError&) {
+      continue;  // another device may tell
+    }
+    if (IsOf(sb, fsid)) return Le64(sb.data() + super::kGeneration);
+  }
+  return 0;
+}
+
+CommittedFileSystem::CommittedFileSystem(const DeviceSet& devices, const uint8_t (&fsid)[kFsidSize])
+    : devices_(devices) {
+  // The devices of the file system itself must agree on its last commit;
+  // seed devices keep the superblock of the file system they were.
+  AlignedBuffer sb(super::kSize);
+  AlignedBuffer other(super::kSize);
+  uint64_t firstDevid = 0;
+  std::vector<std::vector<uint8_t>> blockFsids;  // the seeds', then the file system's own
+  for (uint64_t devid : devices_.Devids()) {
+    AlignedBuffer& buffer = firstDevid == 0 ? sb : other;
+    ReadSuper(devices_, devid, buffer);
+    if (!IsOf(buffer, fsid)) {
+      if ((Le64(buffer.data() + super::kFlags) & super::kFlagSeeding) == 0) {
+        Fail(ProviderError::Kind::kBadBlock, "%s holds another file system, and not as a seed",
+             devices_.Path(devid).c_str());
+      }
+      const uint8_t* seedFsid = MetadataFsid(buffer.data());
+      blockFsids.emplace_back(seedFsid, seedFsid + kFsidSize);
+    } else if (firstDevid == 0) {
+      firstDevid = devid;
+    } else if (Le64(other.data() + super::kGeneration) != Le64(sb.data() + super::kGeneration)) {
+      Fail(ProviderError::Kind::kBadBlock, "superblock of %s does not match that of %s", devices_.Path(devid).c_str(),
+           devices_.Path(firstDevid).c_str());
+    }
+  }
+  if (firstDevid == 0) Fail(ProviderError::Kind::kRefused, "no device of the file system can be read");
+
   const uint8_t* s = sb.data();
   generation_ = Le64(s + super::kGeneration);
   nodeSize_ = Le32(s + super::kNodeSize);
-  const uint32_t sectorSize = Le32(s + super::kSectorSize);
+  sectorSize_ = Le32(s + super::kSectorSize);
   const uint64_t incompat = Le64(s + super::kIncompatFlags);
   if ((incompat & ~kSupportedIncompat) != 0) {
     Fail(ProviderError::Kind::kRefused, "the file system uses features this program cannot read (incompat flags 0x%llx)",
          static_cast<unsigned long long>(incompat));
   }
-  if (nodeSize_ < 4096 || nodeSize_ > 65536 || (nodeSize_ & (nodeSize_ - 1)) != 0 || sectorSize < 4096 ||
-      nodeSize_ % sectorSize != 0) {
-    Fail(ProviderError::Kind::kRefused, "unsupported node size %u or sector size %u", nodeSize_, sectorSize);
-  }
-  // Every device must carry the same file system at the same generation.
-  for (const auto& device : devices_.Paths()) {
-    if (device.first == firstDevid) continue;
-    AlignedBuffer other(super::kSize);
-    ReadSuper(devices_, device.first, other);
-    if (memcmp(other.data() + super::kFsid, s + super::kFsid, kFsidSize) != 0 ||
-        Le64(other.data() + super::kGeneration) != generation_) {
-      Fail(ProviderError::Kind::kBadBlock, "superblock of %s does not match that of %s", device.second.c_str(),
-           devices_.Paths().at(firstDevid).c_str());
-    }
+  if (nodeSize_ < 4096 || nodeSize_ > 65536 || (nodeSize_ & (nodeSize_ - 1)) != 0 || sectorSize_ < 4096 ||
+      sectorSize_ > nodeSize_ || (sectorSize_ & (sectorSize_ - 1)) != 0) {
+    Fail(ProviderError::Kind::kRefused, "unsupported node size %u or sector size %u", nodeSize_, sectorSize_);
   }
   checksum_ = std::make_unique<Checksum>(Le16(s + super::kCsumType));
-  const uint8_t* metadataFsid =
-      (incompat & BTRFS_FEATURE_INCOMPAT_METADATA_UUID) != 0 ? s + super::kMetadataUuid : s + super::kFsid;
-  reader_ = std::make_unique<TreeBlockReader>(devices_, chunks_, *checksum_, nodeSize_, metadataFsid, generation_);
+  const uint8_t* ownFsid = MetadataFsid(s);
+  blockFsids.emplace_back(ownFsid, ownFsid + kFsidSize);
+  reader_ = std::make_unique<TreeBlockReader>(devices_, chunks_, *checksum_, nodeSize_, std::move(blockFsids),
+                                              generation_);
 
   // The system chunks are in the superblock; they map the chunk tree, which
   // maps everything else.
@@ -107,23 +129,9 @@ CommittedFileSystem::CommittedFileSystem(int fsFd) : devices_((Commit(fsFd), fsF
                }
              });
 
-  constexpr size_t kRootItemNeeds = offsetof(btrfs_root_item, level) + 1;
   WalkLeaves(Le64(s + super::kRoot), generation_, s[super::kRootLevel], [this](const TreeBlock& leaf) {
     for (uint32_t i = 0; i < leaf.ItemCount(); ++i) {
-      const TreeBlock::Item item = leaf.LeafItem(i);
-      if (item.key.type != BTRFS_ROOT_ITEM_KEY || !IsSubvolumeTree(item.key.objectid)) continue;
-      if (item.size < kRootItemNeeds) {
-        Fail(ProviderError::Kind::kBadBlock, "root item of subvolume %llu is too short (%u bytes)",
-             static_cast<unsigned long long>(item.key.objectid), item.size);
-      }
-      if (Le32(item.data + offsetof(btrfs_root_item, refs)) == 0) continue;  // deleted
-      const int level = item.data[offsetof(btrfs_root_item, level)];
-      if (level > block::kMaxLevel) {
-        Fail(ProviderError::Kind::kBadBlock, "root item of subvolume %llu has level %d",
-             static_cast<unsigned long long>(item.key.objectid), level);
-      }
-      subvolumes_.push_back(SubvolumeRoot{item.key.objectid, Le64(item.data + offsetof(btrfs_root_item, bytenr)),
-                                          Le64(item.data + offsetof(btrfs_root_item, generation)), level});
+      if (const auto root = ReadSubvolumeRoot(leaf.LeafItem(i))) subvolumes_.push_back(*root);
     }
   });
   std::sort(subvolumes_.begin(), subvolumes_.end(),
@@ -132,11 +140,23 @@ CommittedFileSystem::CommittedFileSystem(int fsFd) : devices_((Commit(fsFd), fsF
 
 void CommittedFileSystem::WalkLeaves(uint64_t bytenr, uint64_t generation, int level,
                                      const std::function<void(const TreeBlock&)>& visit) {
+  std::unordered_set<uint64_t> seen;
+  WalkLeaves(bytenr, generation, level, visit, seen);
+}
+
+void CommittedFileSystem::WalkLeaves(uint64_t bytenr, uint64_t generation, int level,
+                                     const std::function<void(const TreeBlock&)>& visit,
+                                     std::unordered_set<uint64_t>& seen) {
   if (level > block::kMaxLevel) {
     Fail(ProviderError::Kind::kBadBlock, "tree root at %llu has level %d", static_cast<unsigned long long>(bytenr),
          level);
   }
-  // Levels fall by one at each step, so the walk ends even on a corrupt tree.
+  // Levels fall by one at each step and no block is read twice, so the walk
+  // ends soon even on a corrupt tree.
+  if (!seen.insert(bytenr).second) {
+    Fail(ProviderError::Kind::kBadBlock, "tree block at logical %llu is reached twice in one tree",
+         static_cast<unsigned long long>(bytenr));
+  }
   AlignedBuffer buffer(nodeSize_);
   reader_->Read(bytenr, generation, level, buffer.data());
   const TreeBlock node(buffer.data(), nodeSize_);
@@ -146,7 +166,7 @@ void CommittedFileSystem::WalkLeaves(uint64_t bytenr, uint64_t generation, int l
   }
   for (uint32_t i = 0; i < node.ItemCount(); ++i) {
     const TreeBlock::ChildPointer child = node.Child(i);
-    WalkLeaves(child.bytenr, child.generation, level - 1, visit);
+    WalkLeaves(child.bytenr, child.generation, level - 1, visit, seen);
   }
 }
 

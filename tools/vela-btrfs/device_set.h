@@ -1,4 +1,4 @@
-// The block devices of a mounted btrfs file system, opened for reading.
+// The block devices of a btrfs file system, opened for reading.
 #ifndef VELA_TOOLS_VELA_BTRFS_DEVICE_SET_H_
 #define VELA_TOOLS_VELA_BTRFS_DEVICE_SET_H_
 
@@ -6,31 +6,48 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
+
+#include "unique_fd.h"
 
 namespace vela::btrfs {
 
 class DeviceSet {
  public:
-  // Opens every device of the file system that `fsFd` (any file on it)
-  // belongs to. Throws ProviderError when one cannot be opened.
-  explicit DeviceSet(int fsFd);
-  ~DeviceSet();
-  DeviceSet(const DeviceSet&) = delete;
-  DeviceSet& operator=(const DeviceSet&) = delete;
+  DeviceSet() = default;
+  DeviceSet(DeviceSet&&) = default;
+  DeviceSet& operator=(DeviceSet&&) = default;
+
+  // Opens every device of the mounted file system that `fsFd` (any file on
+  // it) belongs to, seed devices included. Devices the kernel lists as
+  // missing (a degraded mount) are left out and listed by Missing(). Throws
+  // ProviderError when a present device cannot be opened or none is there.
+  static DeviceSet OfMountedFileSystem(int fsFd);
+
+  // Adds device `devid`, read through `fd` and named `path` in messages.
+  void Add(uint64_t devid, UniqueFd fd, std::string path);
+
+  bool Has(uint64_t devid) const { return devices_.count(devid) != 0; }
+  // Present devices, by ID.
+  std::vector<uint64_t> Devids() const;
+  const std::string& Path(uint64_t devid) const { return devices_.at(devid).path; }
+  const std::vector<uint64_t>& Missing() const { return missing_; }
 
   // Reads `length` bytes at `physical` of device `devid` into `buffer`,
   // which must be aligned to kAlignment, as `physical` and `length` must be.
-  // Throws ProviderError on an unknown device or a failed or short read.
+  // Throws ProviderError on an absent device or a failed or short read.
   void Read(uint64_t devid, uint64_t physical, uint8_t* buffer, size_t length) const;
-
-  const std::map<uint64_t, std::string>& Paths() const { return paths_; }
 
   // Direct I/O needs sector-aligned buffers, offsets and lengths.
   static constexpr size_t kAlignment = 4096;
 
  private:
-  std::map<uint64_t, int> fds_;
-  std::map<uint64_t, std::string> paths_;
+  struct Device {
+    UniqueFd fd;
+    std::string path;
+  };
+  std::map<uint64_t, Device> devices_;
+  std::vector<uint64_t> missing_;
 };
 
 // A heap buffer aligned for DeviceSet::Read.

@@ -6,16 +6,14 @@ namespace vela::btrfs {
 
 void ProgressPrinter::PrintEstimate() {
   if (!enabled_) return;
-  fprintf(out_, "exclusive %llu bytes\n", static_cast<unsigned long long>(estimate_));
-  fflush(out_);
+  out_.Print("exclusive %llu bytes\n", static_cast<unsigned long long>(estimate_));
 }
 
 void ProgressPrinter::PrintProcessed() {
   lastPrint_ = std::chrono::steady_clock::now();
   printedProcessed_ = processed_;
   if (!enabled_) return;
-  fprintf(out_, "processed %llu bytes\n", static_cast<unsigned long long>(processed_));
-  fflush(out_);
+  out_.Print("processed %llu bytes\n", static_cast<unsigned long long>(processed_));
 }
 
 void ProgressPrinter::Estimate(uint64_t total) {

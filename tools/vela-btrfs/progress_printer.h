@@ -8,7 +8,8 @@
 
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
+
+#include "line_writer.h"
 
 namespace vela::btrfs {
 
@@ -16,8 +17,9 @@ class ProgressPrinter {
  public:
   static constexpr std::chrono::milliseconds kInterval{250};
 
-  // Prints nothing when `enabled` is false.
-  ProgressPrinter(bool enabled, FILE* out) : enabled_(enabled), out_(out) {}
+  // Prints nothing when `enabled` is false. Printing throws ProviderError
+  // when the output fails.
+  ProgressPrinter(bool enabled, LineWriter& out) : enabled_(enabled), out_(out) {}
 
   // Announces a new estimate of the total (raised to the work already done).
   void Estimate(uint64_t total);
@@ -35,7 +37,7 @@ class ProgressPrinter {
   void PrintProcessed();
 
   bool enabled_;
-  FILE* out_;
+  LineWriter& out_;
   bool estimated_ = false;
   uint64_t estimate_ = 0;
   uint64_t processed_ = 0;

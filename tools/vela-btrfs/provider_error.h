@@ -15,6 +15,7 @@ class ProviderError : public std::runtime_error {
     kRefused,  // a wrong argument or an unsupported file system
     kSystem,   // a system call failed
     kBadBlock, // a tree block read from disk is not what its parent promised
+    kKeptChanging,  // every commit read was overtaken by newer ones until the deadline
   };
   ProviderError(Kind kind, const std::string& message) : std::runtime_error(message), kind_(kind) {}
   Kind kind() const { return kind_; }

@@ -10,20 +10,23 @@
 
 #include <cerrno>
 #include <cstring>
-#include <memory>
 #include <set>
+#include <thread>
 
 #include "committed_file_system.h"
+#include "device_set.h"
 #include "disk_format.h"
+#include "line_writer.h"
 #include "progress_printer.h"
 #include "provider_error.h"
+#include "unique_fd.h"
 #include "usage_walker.h"
 
 namespace vela::btrfs {
 
 const char kSubvolumeSizeUsage[] =
-    "usage: vela-btrfs subvolume size [-v] [-p] [-m] <subvolume-path>...\n"
-    "       vela-btrfs subvolume size [-v] [-p] [-m] -r <mount-path> <root-id>...\n"
+    "usage: vela-btrfs subvolume size [-v] [-p] [-m] [--deadline SECONDS] <subvolume-path>...\n"
+    "       vela-btrfs subvolume size [-v] [-p] [-m] [--deadline SECONDS] -r <mount-path> <root-id>...\n"
     "\n"
     "Prints how many bytes the given subvolumes take: data extents (their whole\n"
     "on-disk size) and metadata tree blocks.\n"
@@ -36,37 +39,34 @@ const char kSubvolumeSizeUsage[] =
     "      is what deleting those k subvolumes together frees. Without -m each\n"
     "      figure is what the subvolume alone references (exclusive).\n"
     "  -r  the first operand is a path on the file system, the others root IDs\n"
+    "      (decimal, without leading zeros)\n"
+    "  --deadline SECONDS\n"
+    "      when the file system changes under the reading, it starts over on the\n"
+    "      newest commit until this many seconds have passed since the start\n"
+    "      (default 60)\n"
     "\n"
     "A last line \"total BYTES bytes\" gives the sum. Reads the committed metadata\n"
-    "from the devices (needs root); changes nothing.\n";
+    "from the devices (needs root); changes nothing.\n"
+    "\n"
+    "Exit status: 0 done; 1 failed (a damaged file system, an unsupported one, a\n"
+    "wrong subvolume, output that cannot be written); 2 usage error; 3 the file\n"
+    "system kept changing until the deadline.\n";
 
 namespace {
 
-// A descriptor closed when it goes out of scope.
-class Fd {
- public:
-  explicit Fd(int fd) : fd_(fd) {}
-  ~Fd() {
-    if (fd_ >= 0) close(fd_);
-  }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  int get() const { return fd_; }
+using Clock = std::chrono::steady_clock;
 
- private:
-  int fd_;
-};
+// A deadline of more than a day is a mistake, not a wish.
+constexpr uint64_t kMaxDeadlineSeconds = 86400;
 
-constexpr int kAttempts = 4;
-
-std::unique_ptr<Fd> OpenOnBtrfs(const std::string& path, int flags) {
-  auto fd = std::make_unique<Fd>(open(path.c_str(), flags | O_RDONLY | O_CLOEXEC));
-  if (fd->get() < 0) {
+UniqueFd OpenOnBtrfs(const std::string& path, int flags) {
+  UniqueFd fd(open(path.c_str(), flags | O_RDONLY | O_CLOEXEC));
+  if (!fd.Valid()) {
     if (errno == ENOTDIR) Fail(ProviderError::Kind::kRefused, "%s is not a subvolume", path.c_str());
     Fail(ProviderError::Kind::kRefused, "cannot open %s: %s", path.c_str(), strerror(errno));
   }
   struct statfs fs;
-  if (fstatfs(fd->get(), &fs) != 0) {
+  if (fstatfs(fd.Get(), &fs) != 0) {
     Fail(ProviderError::Kind::kSystem, "cannot stat the file system of %s: %s", path.c_str(), strerror(errno));
   }
   if (fs.f_type != static_cast<decltype(fs.f_type)>(BTRFS_SUPER_MAGIC)) {
@@ -75,12 +75,20 @@ std::unique_ptr<Fd> OpenOnBtrfs(const std::string& path, int flags) {
   return fd;
 }
 
-std::string FsidOf(int fd, const std::string& path) {
+struct Fsid {
+  uint8_t bytes[kFsidSize];
+  bool operator!=(const Fsid& other) const { return memcmp(bytes, other.bytes, kFsidSize) != 0; }
+};
+
+Fsid FsidOf(int fd, const std::string& path) {
   btrfs_ioctl_fs_info_args info{};
   if (ioctl(fd, BTRFS_IOC_FS_INFO, &info) != 0) {
     Fail(ProviderError::Kind::kSystem, "cannot read the file system ID of %s: %s", path.c_str(), strerror(errno));
   }
-  return std::string(reinterpret_cast<const char*>(info.fsid), sizeof info.fsid);
+  Fsid fsid;
+  static_assert(sizeof info.fsid == kFsidSize, "file system IDs are 16 bytes");
+  memcpy(fsid.bytes, info.fsid, kFsidSize);
+  return fsid;
 }
 
 uint64_t RootIdOfSubvolume(int fd, const std::string& path) {
@@ -98,16 +106,31 @@ uint64_t RootIdOfSubvolume(int fd, const std::string& path) {
   return lookup.treeid;
 }
 
+// Root IDs are written one way only: decimal digits without a sign or
+// leading zeros, so that "0256" is not taken for a subvolume it does not
+// name.
 uint64_t ParseRootId(const std::string& text) {
-  if (text.empty() || text.size() > 20 || text.find_first_not_of("0123456789") != std::string::npos) {
-    Fail(ProviderError::Kind::kUsage, "'%s' is not a root ID", text.c_str());
-  }
+  const bool canonical = !text.empty() && text.size() <= 20 &&
+                         text.find_first_not_of("0123456789") == std::string::npos &&
+                         (text[0] != '0' || text.size() == 1);
   errno = 0;
-  const unsigned long long value = strtoull(text.c_str(), nullptr, 10);
-  if (errno == ERANGE || !IsSubvolumeTree(value)) {
+  const unsigned long long value = canonical ? strtoull(text.c_str(), nullptr, 10) : 0;
+  if (!canonical || errno == ERANGE) Fail(ProviderError::Kind::kUsage, "'%s' is not a root ID", text.c_str());
+  if (!IsSubvolumeTree(value)) {
     Fail(ProviderError::Kind::kRefused, "%s is not the root ID of a subvolume", text.c_str());
   }
   return value;
+}
+
+std::chrono::seconds ParseDeadline(const std::string& text) {
+  char* end = nullptr;
+  errno = 0;
+  const unsigned long long value = strtoull(text.c_str(), &end, 10);
+  if (text.empty() || text[0] < '1' || text[0] > '9' || *end != '\0' || errno == ERANGE || value > kMaxDeadlineSeconds) {
+    Fail(ProviderError::Kind::kUsage, "--deadline takes a number of seconds from 1 to %llu, not '%s'",
+         static_cast<unsigned long long>(kMaxDeadlineSeconds), text.c_str());
+  }
+  return std::chrono::seconds(value);
 }
 
 // Logical bytes of metadata in use: every tree block of every tree, so no
@@ -128,6 +151,56 @@ uint64_t MetadataInUse(int fd) {
   return used;
 }
 
+// Commits the file system's pending changes, so that recent snapshots and
+// writes are in what is read.
+void Commit(int fsFd) {
+  if (ioctl(fsFd, BTRFS_IOC_SYNC) == 0) return;
+  // Without the file system's own commit, a plain sync commits as well.
+  if (syncfs(fsFd) != 0) Fail(ProviderError::Kind::kSystem, "cannot commit the file system: %s", strerror(errno));
+}
+
+// Measures the newest commit. A block that fails its checks may be one the
+// running file system freed and reused after the commit that was read: then
+// the newest commit has moved on, and reading starts over there. A failure
+// is damage when the commit it was read from is still the newest, or when
+// the same block fails the same way on two commits in a row (a block both
+// reference with the same generation is one that no commit rewrote).
+UsageFigures MeasureNewestCommit(int fsFd, const Fsid& fsid, const std::vector<uint64_t>& ids,
+                                 std::chrono::seconds allowed, ProgressPrinter& progress) {
+  const Clock::time_point deadline = Clock::now() + allowed;
+  const uint64_t metadataInUse = MetadataInUse(fsFd);
+  std::string lastFailure;
+  for (int attempt = 1;; ++attempt) {
+    Commit(fsFd);
+    const DeviceSet devices = DeviceSet::OfMountedFileSystem(fsFd);
+    // The commit about to be read, until the file system tells which it read.
+    uint64_t generation = CommittedFileSystem::NewestCommit(devices, fsid.bytes);
+    try {
+      const CommittedFileSystem fs(devices, fsid.bytes);
+      generation = fs.Generation();
+      progress.RaiseEstimate(progress.Processed() + metadataInUse);
+      return MeasureUsage(fs, ids, progress);
+    } catch (const ProviderError& error) {
+      if (error.kind() != ProviderError::Kind::kBadBlock) throw;
+      const uint64_t newest = CommittedFileSystem::NewestCommit(devices, fsid.bytes);
+      if ((newest != 0 && newest == generation) || lastFailure == error.what()) throw;
+      lastFailure = error.what();
+      // Not an error: a note for whoever wonders why the run takes longer.
+      fprintf(stderr, "vela-btrfs: the file system moved on from commit %llu to %llu while it was read (%s); reading again\n",
+              static_cast<unsigned long long>(generation), static_cast<unsigned long long>(newest), error.what());
+    }
+    // A short pause, longer after each failure: a file system busy now may
+    // be quiet in a moment.
+    const std::chrono::milliseconds pause(25 << std::min(attempt, 4));
+    if (Clock::now() + pause >= deadline) {
+      Fail(ProviderError::Kind::kKeptChanging,
+           "the file system kept changing: no commit could be read whole within %lld s (%d attempts; the last: %s)",
+           static_cast<long long>(allowed.count()), attempt, lastFailure.c_str());
+    }
+    std::this_thread::sleep_for(pause);
+  }
+}
+
 }  // namespace
 
 SubvolumeSizeRequest ParseSubvolumeSizeArguments(const std::vector<std::string>& args) {
@@ -139,14 +212,24 @@ SubvolumeSizeRequest ParseSubvolumeSizeArguments(const std::vector<std::string>&
       ++i;
       break;
     }
+    if (arg == "--deadline") {
+      if (i + 1 == args.size()) Fail(ProviderError::Kind::kUsage, "--deadline needs a number of seconds");
+      request.deadline = ParseDeadline(args[++i]);
+      continue;
+    }
+    if (arg.rfind("--deadline=", 0) == 0) {
+      request.deadline = ParseDeadline(arg.substr(strlen("--deadline=")));
+      continue;
+    }
     if (arg.size() < 2 || arg[0] != '-') break;
+    if (arg[1] == '-') Fail(ProviderError::Kind::kUsage, "unknown option '%s'", arg.c_str());
     for (size_t k = 1; k < arg.size(); ++k) {
       switch (arg[k]) {
         case 'v': request.verbose = true; break;
         case 'p': request.progress = true; break;
         case 'm': request.marginal = true; break;
         case 'r': request.byRootId = true; break;
-        default: Fail(ProviderError::Kind::kUsage, "unknown option '%s'", arg.c_str());
+        default: Fail(ProviderError::Kind::kUsage, "unknown option '-%c' in '%s'", arg[k], arg.c_str());
       }
     }
   }
@@ -165,17 +248,18 @@ SubvolumeSizeRequest ParseSubvolumeSizeArguments(const std::vector<std::string>&
 
 void RunSubvolumeSize(const SubvolumeSizeRequest& request, FILE* out) {
   std::vector<uint64_t> ids;
-  std::unique_ptr<Fd> fsFd;
+  UniqueFd fsFd;
+  Fsid fsid{};
   if (request.byRootId) {
     fsFd = OpenOnBtrfs(request.mountPath, 0);
+    fsid = FsidOf(fsFd.Get(), request.mountPath);
     for (const std::string& text : request.operands) ids.push_back(ParseRootId(text));
   } else {
-    std::string fsid;
     for (const std::string& path : request.operands) {
-      std::unique_ptr<Fd> fd = OpenOnBtrfs(path, O_DIRECTORY);
-      ids.push_back(RootIdOfSubvolume(fd->get(), path));
-      const std::string thisFsid = FsidOf(fd->get(), path);
-      if (!fsFd) {
+      UniqueFd fd = OpenOnBtrfs(path, O_DIRECTORY);
+      ids.push_back(RootIdOfSubvolume(fd.Get(), path));
+      const Fsid thisFsid = FsidOf(fd.Get(), path);
+      if (!fsFd.Valid()) {
         fsid = thisFsid;
         fsFd = std::move(fd);
       } else if (thisFsid != fsid) {
@@ -191,27 +275,9 @@ void RunSubvolumeSize(const SubvolumeSizeRequest& request, FILE* out) {
     }
   }
 
-  ProgressPrinter progress(request.progress, out);
-  const uint64_t metadataInUse = MetadataInUse(fsFd->get());
-  UsageFigures figures;
-  // A block that fails its checks may be one the running file system freed
-  // and reused since its last commit: read the newer commit and start over.
-  // The same failure in an unchanged commit is corruption.
-  uint64_t failedGeneration = 0;
-  for (int attempt = 1;; ++attempt) {
-    std::unique_ptr<CommittedFileSystem> fs;
-    try {
-      fs = std::make_unique<CommittedFileSystem>(fsFd->get());
-      progress.RaiseEstimate(progress.Processed() + metadataInUse);
-      figures = MeasureUsage(*fs, ids, progress);
-      break;
-    } catch (const ProviderError& error) {
-      if (error.kind() != ProviderError::Kind::kBadBlock || attempt == kAttempts) throw;
-      const uint64_t generation = fs ? fs->Generation() : 0;
-      if (generation != 0 && generation == failedGeneration) throw;
-      failedGeneration = generation;
-    }
-  }
+  LineWriter lines(out);
+  ProgressPrinter progress(request.progress, lines);
+  const UsageFigures figures = MeasureNewestCommit(fsFd.Get(), fsid, ids, request.deadline, progress);
   progress.Finish();
 
   uint64_t total = 0;
@@ -219,12 +285,11 @@ void RunSubvolumeSize(const SubvolumeSizeRequest& request, FILE* out) {
     const uint64_t bytes = request.marginal ? figures.marginal[i] : figures.exclusive[i];
     total += bytes;
     if (request.verbose) {
-      fprintf(out, "subvol(%llu) %llu bytes\n", static_cast<unsigned long long>(ids[i]),
-              static_cast<unsigned long long>(bytes));
+      lines.Print("subvol(%llu) %llu bytes\n", static_cast<unsigned long long>(ids[i]),
+                  static_cast<unsigned long long>(bytes));
     }
   }
-  fprintf(out, "total %llu bytes\n", static_cast<unsigned long long>(total));
-  fflush(out);
+  lines.Print("total %llu bytes\n", static_cast<unsigned long long>(total));
 }
 
 }  // namespace vela::btrfs

@@ -3,6 +3,7 @@
 #ifndef VELA_TOOLS_VELA_BTRFS_SUBVOLUME_SIZE_COMMAND_H_
 #define VELA_TOOLS_VELA_BTRFS_SUBVOLUME_SIZE_COMMAND_H_
 
+#include <chrono>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -14,6 +15,8 @@ struct SubvolumeSizeRequest {
   bool progress = false;   // -p: progress lines
   bool marginal = false;   // -m: figures marginal in the given order
   bool byRootId = false;   // -r: a mount path, then root IDs
+  // --deadline: no new reading of a changed file system starts after it.
+  std::chrono::seconds deadline{60};
   std::string mountPath;   // with -r
   std::vector<std::string> operands;  // subvolume paths, or root IDs with -r
 };

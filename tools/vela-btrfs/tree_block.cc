@@ -1,6 +1,7 @@
 #include "tree_block.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "provider_error.h"
 
@@ -44,21 +45,25 @@ std::string TreeBlock::StructureProblem() const {
 }
 
 TreeBlockReader::TreeBlockReader(const DeviceSet& devices, const ChunkMap& chunks, const Checksum& checksum,
-                                 uint32_t nodeSize, const uint8_t* metadataFsid, uint64_t newestGeneration)
+                                 uint32_t nodeSize, std::vector<std::vector<uint8_t>> blockFsids,
+                                 uint64_t newestGeneration)
     : devices_(devices),
       chunks_(chunks),
       checksum_(checksum),
       nodeSize_(nodeSize),
-      newestGeneration_(newestGeneration) {
-  memcpy(fsid_, metadataFsid, kFsidSize);
-}
+      blockFsids_(std::move(blockFsids)),
+      newestGeneration_(newestGeneration) {}
 
 std::string TreeBlockReader::Problem(const uint8_t* data, uint64_t logical, uint64_t generation,
                                      int level) const {
   if (Le64(data + block::kBytenr) != logical) {
     return Format("the block there says it is at %llu", static_cast<unsigned long long>(Le64(data + block::kBytenr)));
   }
-  if (memcmp(data + block::kFsid, fsid_, kFsidSize) != 0) return "it belongs to another file system";
+  if (std::none_of(blockFsids_.begin(), blockFsids_.end(), [data](const std::vector<uint8_t>& fsid) {
+        return memcmp(data + block::kFsid, fsid.data(), kFsidSize) == 0;
+      })) {
+    return "it belongs to another file system";
+  }
   if (!checksum_.Matches(data, nodeSize_)) return checksum_.Name() + " checksum mismatch";
   const uint64_t found = Le64(data + block::kGeneration);
   if (found != generation || found > newestGeneration_) {
@@ -76,6 +81,10 @@ void TreeBlockReader::Read(uint64_t logical, uint64_t generation, int level, uin
   }
   std::string problem;
   for (const PhysicalLocation& copy : chunks_.Locate(logical, nodeSize_)) {
+    if (!devices_.Has(copy.devid)) {
+      if (problem.empty()) problem = Format("device %llu is missing", static_cast<unsigned long long>(copy.devid));
+      continue;
+    }
     devices_.Read(copy.devid, copy.physical, buffer, nodeSize_);
     problem = Problem(buffer, logical, generation, level);
     if (problem.empty()) return;
@@ -84,38 +93,40 @@ void TreeBlockReader::Read(uint64_t logical, uint64_t generation, int level, uin
        static_cast<unsigned long long>(logical), level, problem.c_str());
 }
 
-void TreeBlockReader::ReadMany(const std::vector<Request>& requests, int level,
+void TreeBlockReader::ReadMany(size_t count, const std::function<Request(size_t)>& request, int level,
                                const std::function<void(size_t, const TreeBlock&)>& visit) const {
-  const size_t maxBlocks = std::max<size_t>(1, kMaxMergedRead / nodeSize_);
+  const size_t maxBlocks = std::min(std::max<size_t>(1, kMaxMergedRead / nodeSize_), count);
   AlignedBuffer merged(maxBlocks * nodeSize_);
   AlignedBuffer single(nodeSize_);
   size_t i = 0;
-  while (i < requests.size()) {
-    const uint64_t first = requests[i].logical;
+  while (i < count) {
+    const uint64_t first = request(i).logical;
     if (first % DeviceSet::kAlignment != 0) {
       Fail(ProviderError::Kind::kBadBlock, "tree block address %llu is not aligned",
            static_cast<unsigned long long>(first));
     }
     // A run of blocks that follow each other on disk, within one stripe.
     const uint64_t contiguous = chunks_.ContiguousFrom(first);
-    size_t count = 1;
-    while (i + count < requests.size() && count < maxBlocks &&
-           requests[i + count].logical == first + count * nodeSize_ && (count + 1) * nodeSize_ <= contiguous) {
-      ++count;
+    size_t run = 1;
+    while (i + run < count && run < maxBlocks && request(i + run).logical == first + run * nodeSize_ &&
+           (run + 1) * nodeSize_ <= contiguous) {
+      ++run;
     }
     const std::vector<PhysicalLocation> copies = chunks_.Locate(first, nodeSize_);
-    devices_.Read(copies.front().devid, copies.front().physical, merged.data(), count * nodeSize_);
-    for (size_t k = 0; k < count; ++k) {
-      const Request& request = requests[i + k];
+    const auto present = std::find_if(copies.begin(), copies.end(),
+                                      [this](const PhysicalLocation& copy) { return devices_.Has(copy.devid); });
+    if (present != copies.end()) devices_.Read(present->devid, present->physical, merged.data(), run * nodeSize_);
+    for (size_t k = 0; k < run; ++k) {
+      const Request wanted = request(i + k);
       const uint8_t* data = merged.data() + k * nodeSize_;
-      if (!Problem(data, request.logical, request.generation, level).empty()) {
+      if (present == copies.end() || !Problem(data, wanted.logical, wanted.generation, level).empty()) {
         // Another copy may be good; Read() tries them all and reports.
-        Read(request.logical, request.generation, level, single.data());
+        Read(wanted.logical, wanted.generation, level, single.data());
         data = single.data();
       }
       visit(i + k, TreeBlock(data, nodeSize_));
     }
-    i += count;
+    i += run;
   }
 }
 

@@ -53,24 +53,25 @@ class TreeBlock {
 
 class TreeBlockReader {
  public:
-  // `metadataFsid` is the ID every tree block header carries;
-  // `newestGeneration` the superblock's generation, which no block exceeds.
+  // `blockFsids` are the IDs a tree block header may carry: the file
+  // system's own and those of its seeds; `newestGeneration` the superblock's
+  // generation, which no block exceeds.
   TreeBlockReader(const DeviceSet& devices, const ChunkMap& chunks, const Checksum& checksum,
-                  uint32_t nodeSize, const uint8_t* metadataFsid, uint64_t newestGeneration);
+                  uint32_t nodeSize, std::vector<std::vector<uint8_t>> blockFsids, uint64_t newestGeneration);
 
-  // Reads the block at `logical`, trying every copy until one passes the
-  // checks. Throws ProviderError (kind kBadBlock) naming the block and the
-  // reason when none does.
+  // Reads the block at `logical`, trying every copy on a present device
+  // until one passes the checks. Throws ProviderError (kind kBadBlock)
+  // naming the block and the reason when none does.
   void Read(uint64_t logical, uint64_t generation, int level, uint8_t* buffer) const;
 
   struct Request {
     uint64_t logical;
     uint64_t generation;
   };
-  // Reads the blocks of `requests` (sorted by address, all of one level),
-  // merging neighbours into larger device reads, and calls `visit` for each
-  // checked block in order.
-  void ReadMany(const std::vector<Request>& requests, int level,
+  // Reads `count` blocks of one level, the i-th as `request(i)` says (in
+  // ascending address order), merging neighbours into larger device reads,
+  // and calls `visit` for each checked block in order.
+  void ReadMany(size_t count, const std::function<Request(size_t index)>& request, int level,
                 const std::function<void(size_t index, const TreeBlock&)>& visit) const;
 
   uint32_t NodeSize() const { return nodeSize_; }
@@ -82,7 +83,7 @@ class TreeBlockReader {
   const ChunkMap& chunks_;
   const Checksum& checksum_;
   uint32_t nodeSize_;
-  uint8_t fsid_[kFsidSize];
+  std::vector<std::vector<uint8_t>> blockFsids_;
   uint64_t newestGeneration_;
 };
 

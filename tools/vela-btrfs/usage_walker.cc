@@ -6,24 +6,30 @@
 #include <unordered_set>
 
 #include "disk_format.h"
+#include "leaf_items.h"
 #include "provider_error.h"
+#include "sorted_refs.h"
 
 namespace vela::btrfs {
 
 namespace {
 
+// Small, because there is one for every distinct block and extent.
 struct Reach {
   static constexpr uint32_t kNone = std::numeric_limits<uint32_t>::max();
+  static constexpr uint32_t kMaxPosition = (1u << 31) - 1;
   uint32_t lowest = kNone;
-  uint32_t highest = 0;
-  bool outside = false;  // a subvolume not in the list reaches it
+  uint32_t highest : 31;
+  uint32_t outside : 1;  // a subvolume not in the list reaches it
 
+  Reach() : highest(0), outside(0) {}
   void Merge(const Reach& other) {
     lowest = std::min(lowest, other.lowest);
     highest = std::max(highest, other.highest);
-    outside = outside || other.outside;
+    outside = outside | other.outside;
   }
 };
+static_assert(sizeof(Reach) == 8, "a reach takes 8 bytes");
 
 struct BlockRef {
   uint64_t bytenr;
@@ -31,10 +37,35 @@ struct BlockRef {
   Reach reach;
 };
 
+#pragma pack(push, 4)
 struct DataRef {
   uint64_t bytenr;
-  uint64_t size;
+  uint32_t sectors;  // on-disk size
   Reach reach;
+};
+#pragma pack(pop)
+static_assert(sizeof(DataRef) == 20, "a data reference takes 20 bytes");
+
+// Every parent of a block must record the same generation for it.
+struct FoldBlocks {
+  int level;
+  void operator()(BlockRef& into, const BlockRef& other) const {
+    if (into.generation != other.generation) {
+      Fail(ProviderError::Kind::kBadBlock,
+           "tree block at logical %llu (level %d) is referenced with generations %llu and %llu",
+           static_cast<unsigned long long>(other.bytenr), level, static_cast<unsigned long long>(into.generation),
+           static_cast<unsigned long long>(other.generation));
+    }
+    into.reach.Merge(other.reach);
+  }
+};
+
+// An extent is counted whole, at the largest size any reference gives it.
+struct FoldData {
+  void operator()(DataRef& into, const DataRef& other) const {
+    into.reach.Merge(other.reach);
+    if (other.sectors > into.sectors) into.sectors = other.sectors;
+  }
 };
 
 class Tally {
@@ -54,58 +85,28 @@ class Tally {
   UsageFigures figures_;
 };
 
-// Sorts by address and folds the entries of one block into one.
-void MergeBlockRefs(std::vector<BlockRef>& refs, int level) {
-  std::sort(refs.begin(), refs.end(), [](const BlockRef& a, const BlockRef& b) { return a.bytenr < b.bytenr; });
-  size_t out = 0;
-  for (size_t i = 0; i < refs.size(); ++i) {
-    if (out > 0 && refs[out - 1].bytenr == refs[i].bytenr) {
-      if (refs[out - 1].generation != refs[i].generation) {
-        Fail(ProviderError::Kind::kBadBlock,
-             "tree block at logical %llu (level %d) is referenced with generations %llu and %llu",
-             static_cast<unsigned long long>(refs[i].bytenr), level,
-             static_cast<unsigned long long>(refs[out - 1].generation),
-             static_cast<unsigned long long>(refs[i].generation));
-      }
-      refs[out - 1].reach.Merge(refs[i].reach);
-    } else {
-      refs[out++] = refs[i];
-    }
-  }
-  refs.resize(out);
-}
-
-void CollectDataRefs(const TreeBlock& leaf, const Reach& reach, std::vector<DataRef>& data) {
-  for (uint32_t i = 0; i < leaf.ItemCount(); ++i) {
-    const TreeBlock::Item item = leaf.LeafItem(i);
-    if (item.key.type != BTRFS_EXTENT_DATA_KEY || item.size <= file_extent::kType) continue;
-    const uint8_t type = item.data[file_extent::kType];
-    if (type != file_extent::kRegular && type != file_extent::kPrealloc) continue;
-    if (item.size < file_extent::kSizeWithDisk) continue;
-    const uint64_t bytenr = Le64(item.data + file_extent::kDiskBytenr);
-    if (bytenr == 0) continue;  // a hole
-    data.push_back(DataRef{bytenr, Le64(item.data + file_extent::kDiskNumBytes), reach});
-  }
-}
-
 }  // namespace
 
 UsageFigures MeasureUsage(const CommittedFileSystem& fs, const std::vector<uint64_t>& ids, ProgressPrinter& progress) {
+  if (ids.size() > Reach::kMaxPosition) {
+    Fail(ProviderError::Kind::kRefused, "%zu subvolumes are more than one run can measure", ids.size());
+  }
   std::unordered_map<uint64_t, uint32_t> position;
   for (size_t i = 0; i < ids.size(); ++i) position.emplace(ids[i], static_cast<uint32_t>(i));
 
-  std::vector<BlockRef> levels[block::kMaxLevel + 1];
+  std::vector<SortedRefs<BlockRef, FoldBlocks>> levels;
+  for (int level = 0; level <= block::kMaxLevel; ++level) levels.emplace_back(FoldBlocks{level});
   size_t found = 0;
   for (const SubvolumeRoot& root : fs.Subvolumes()) {
     Reach reach;
     const auto it = position.find(root.id);
     if (it == position.end()) {
-      reach.outside = true;
+      reach.outside = 1;
     } else {
       reach.lowest = reach.highest = it->second;
       ++found;
     }
-    levels[root.level].push_back(BlockRef{root.bytenr, root.generation, reach});
+    levels[root.level].Add(BlockRef{root.bytenr, root.generation, reach});
   }
   if (found != ids.size()) {
     std::unordered_set<uint64_t> live;
@@ -118,52 +119,41 @@ UsageFigures MeasureUsage(const CommittedFileSystem& fs, const std::vector<uint6
   }
 
   const uint64_t nodeSize = fs.NodeSize();
+  const uint32_t sectorSize = fs.SectorSize();
   Tally tally(ids.size());
-  std::vector<DataRef> data;
-  std::vector<TreeBlockReader::Request> requests;
+  SortedRefs<DataRef, FoldData> data(FoldData{});
   for (int level = block::kMaxLevel; level >= 0; --level) {
-    std::vector<BlockRef>& blocks = levels[level];
-    MergeBlockRefs(blocks, level);
-    if (blocks.empty()) continue;
+    levels[level].Flush();
+    const BlockRef* blocks = levels[level].data();
+    const size_t count = levels[level].size();
+    if (count == 0) continue;
     // Once the leaves are known the remaining work is known exactly; above
     // them the estimate only has to stay ahead of what is done.
-    const uint64_t known = progress.Processed() + blocks.size() * nodeSize;
+    const uint64_t known = progress.Processed() + count * nodeSize;
     if (level == 0) {
       progress.Estimate(known);
     } else {
       progress.RaiseEstimate(known);
     }
-    requests.clear();
-    for (const BlockRef& b : blocks) requests.push_back({b.bytenr, b.generation});
-    std::vector<BlockRef>* children = level > 0 ? &levels[level - 1] : nullptr;
-    fs.Reader().ReadMany(requests, level, [&](size_t index, const TreeBlock& block) {
-      const Reach& reach = blocks[index].reach;
-      tally.Add(reach, nodeSize);
-      if (children != nullptr) {
-        for (uint32_t i = 0; i < block.ItemCount(); ++i) {
-          const TreeBlock::ChildPointer child = block.Child(i);
-          children->push_back(BlockRef{child.bytenr, child.generation, reach});
-        }
-      } else {
-        CollectDataRefs(block, reach, data);
-      }
-      progress.Advance(nodeSize);
-    });
-    std::vector<BlockRef>().swap(blocks);  // read: its memory can go
+    fs.Reader().ReadMany(
+        count, [&](size_t i) { return TreeBlockReader::Request{blocks[i].bytenr, blocks[i].generation}; }, level,
+        [&](size_t index, const TreeBlock& block) {
+          const Reach reach = blocks[index].reach;
+          tally.Add(reach, nodeSize);
+          for (uint32_t i = 0; i < block.ItemCount(); ++i) {
+            if (level > 0) {
+              const TreeBlock::ChildPointer child = block.Child(i);
+              levels[level - 1].Add(BlockRef{child.bytenr, child.generation, reach});
+            } else if (const auto extent = ReadFileExtent(block.LeafItem(i), sectorSize)) {
+              data.Add(DataRef{extent->bytenr, static_cast<uint32_t>(extent->bytes / sectorSize), reach});
+            }
+          }
+          progress.Advance(nodeSize);
+        });
+    levels[level].Clear();  // read: its memory can go
   }
-
-  std::sort(data.begin(), data.end(), [](const DataRef& a, const DataRef& b) { return a.bytenr < b.bytenr; });
-  for (size_t i = 0; i < data.size();) {
-    Reach reach = data[i].reach;
-    uint64_t size = data[i].size;
-    size_t j = i + 1;
-    for (; j < data.size() && data[j].bytenr == data[i].bytenr; ++j) {
-      reach.Merge(data[j].reach);
-      size = std::max(size, data[j].size);
-    }
-    tally.Add(reach, size);
-    i = j;
-  }
+  data.Flush();
+  for (size_t i = 0; i < data.size(); ++i) tally.Add(data.data()[i].reach, uint64_t{data.data()[i].sectors} * sectorSize);
   return tally.Take();
 }
 
