@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "checksum.h"
-#include "unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace vela::fuzz {
 

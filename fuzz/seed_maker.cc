@@ -21,7 +21,7 @@
 #include "disk_format.h"
 #include "provider_error.h"
 #include "tree_block.h"
-#include "unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace {
 

@@ -8,9 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace vela::btrfs {
+
+using vela::base::UniqueFd;
 
 class DeviceSet {
  public:

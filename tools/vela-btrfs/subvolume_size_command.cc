@@ -19,10 +19,13 @@
 #include "line_writer.h"
 #include "progress_printer.h"
 #include "provider_error.h"
-#include "unique_fd.h"
+#include "base/numbers.h"
+#include "base/unique_fd.h"
 #include "usage_walker.h"
 
 namespace vela::btrfs {
+
+using vela::base::UniqueFd;
 
 const char kSubvolumeSizeUsage[] =
     "usage: vela-btrfs subvolume size [-v] [-p] [-m] [--deadline SECONDS] <subvolume-path>...\n"
@@ -109,13 +112,9 @@ uint64_t RootIdOfSubvolume(int fd, const std::string& path) {
 // Root IDs are written one way only: decimal digits without a sign or
 // leading zeros, so that "0256" is not taken for a subvolume it does not
 // name.
-uint64_t ParseRootId(const std::string& text) {
-  const bool canonical = !text.empty() && text.size() <= 20 &&
-                         text.find_first_not_of("0123456789") == std::string::npos &&
-                         (text[0] != '0' || text.size() == 1);
-  errno = 0;
-  const unsigned long long value = canonical ? strtoull(text.c_str(), nullptr, 10) : 0;
-  if (!canonical || errno == ERANGE) Fail(ProviderError::Kind::kUsage, "'%s' is not a root ID", text.c_str());
+uint64_t RootIdOperand(const std::string& text) {
+  uint64_t value = 0;
+  if (!base::ParseCanonicalDecimal(text, value)) Fail(ProviderError::Kind::kUsage, "'%s' is not a root ID", text.c_str());
   if (!IsSubvolumeTree(value)) {
     Fail(ProviderError::Kind::kRefused, "%s is not the root ID of a subvolume", text.c_str());
   }
@@ -238,7 +237,7 @@ SubvolumeSizeRequest ParseSubvolumeSizeArguments(const std::vector<std::string>&
     if (rest.size() < 2) Fail(ProviderError::Kind::kUsage, "-r needs a mount path and at least one root ID");
     request.mountPath = rest.front();
     rest.erase(rest.begin());
-    for (const std::string& id : rest) ParseRootId(id);  // refuse bad IDs before any work
+    for (const std::string& id : rest) RootIdOperand(id);  // refuse bad IDs before any work
   } else if (rest.empty()) {
     Fail(ProviderError::Kind::kUsage, "no subvolume given");
   }
@@ -253,7 +252,7 @@ void RunSubvolumeSize(const SubvolumeSizeRequest& request, FILE* out) {
   if (request.byRootId) {
     fsFd = OpenOnBtrfs(request.mountPath, 0);
     fsid = FsidOf(fsFd.Get(), request.mountPath);
-    for (const std::string& text : request.operands) ids.push_back(ParseRootId(text));
+    for (const std::string& text : request.operands) ids.push_back(RootIdOperand(text));
   } else {
     for (const std::string& path : request.operands) {
       UniqueFd fd = OpenOnBtrfs(path, O_DIRECTORY);
