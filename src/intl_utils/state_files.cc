@@ -130,6 +130,14 @@ UniqueFd OpenLockFile(const std::string& path, bool create, mode_t mode, gid_t g
   if (fd.Valid() && (fstat(fd.Get(), &st) != 0 || !S_ISREG(st.st_mode))) {
     fd.Reset();
     errno = EINVAL;
+    return fd;
+  }
+  // A lock file made looser (by an older version, by hand) is given its
+  // group and mode again by the first writer: until then others could hold it.
+  if (fd.Valid() && create && ((st.st_mode & 07777) != mode || st.st_uid != 0 || st.st_gid != gid)) {
+    if (fchown(fd.Get(), 0, gid) != 0 || fchmod(fd.Get(), mode) != 0) {
+      VELA_LOG(LOG_ERR, "Failed to set the owner and mode of the lock file %s: %s", path.c_str(), strerror(errno));
+    }
   }
   return fd;
 }

@@ -257,8 +257,12 @@ TEST_F(Lifecycle, OnlyRootAndTheWebGroupCanHoldALockAndEveryWaitForOneIsBounded)
   constexpr gid_t kWebGroup = 4242;
   constexpr uid_t kNobody = 65534;
   ASSERT_EQ("", AddGroup("velaweb", kWebGroup));
-  ASSERT_EQ("ok null", Call("set_conf", R"({"reminder":true})"));
+  // A lock file left open to all (by an older version) is closed again.
   const std::string lock = "/run/lock/velabtrfssnapusage/reminder_record.lock";
+  ASSERT_EQ(0, mkdir("/run/lock/velabtrfssnapusage", 0755));
+  WriteFile(lock, "");
+  ASSERT_EQ(0, chmod(lock.c_str(), 0666));
+  ASSERT_EQ("ok null", Call("set_conf", R"({"reminder":true})"));
   struct stat st;
   ASSERT_EQ(0, stat(lock.c_str(), &st));
   EXPECT_EQ(0640u, st.st_mode & 07777);
