@@ -230,17 +230,31 @@ Liveness ChildLiveness(TaskStatus& status, const std::string& taskID) {
   return Utils::ProcessIsAlive(pid, started) ? Liveness::kAlive : Liveness::kGone;
 }
 
+// What the share's map entry said: FindTaskID's result, the task and
+// whether the entry is older than two minutes.
+struct MapLookup {
+  int found;
+  std::string taskID;
+  bool expired;
+};
+
+MapLookup LookUpTask(const std::string& shareName) {
+  MapLookup lookup = {SHARE_CAL_FAIL, "", false};
+  lookup.found = ShareSnapUsageCal::FindTaskID(shareName, lookup.taskID, lookup.expired);
+  return lookup;
+}
+
 // Whether the share's calculation, recorded as `state` ("ready" or
 // "process") in `status`, still has a process behind it. Where nothing can
 // be proven, a map entry younger than two minutes counts as running. A
 // caller that holds the share's creation lock knows that no request is
 // creating: it must not open the lock file again either, since closing any
 // descriptor of a file drops the process's fcntl locks on it.
-bool CalculationRunning(const std::string& shareName, TaskStatus& status, CAL_TASK_STATUS state,
-                        bool holdingCreationLock) {
-  std::string taskID;
-  bool expired = false;
-  const int found = ShareSnapUsageCal::FindTaskID(shareName, taskID, expired);
+bool CalculationRunning(const std::string& shareName, const MapLookup& entry, TaskStatus& status,
+                        CAL_TASK_STATUS state, bool holdingCreationLock) {
+  const int found = entry.found;
+  const std::string& taskID = entry.taskID;
+  const bool expired = entry.expired;
   if (found == SHARE_CAL_NOT_FOUND) return false;
   if (found != SHARE_CAL_SUCCESS) return true;  // nothing known: as recorded
   Liveness live = Liveness::kGone;
@@ -351,7 +365,7 @@ int ShareSnapUsageCal::GetShareState(const std::string& name, CAL_TASK_STATUS& s
     return SHARE_CAL_FAIL;
   }
   if ((state == CAL_TASK_STATUS_READY || state == CAL_TASK_STATUS_PROCESS) &&
-      !CalculationRunning(name, status, state, false)) {
+      !CalculationRunning(name, LookUpTask(name), status, state, false)) {
     state = CAL_TASK_STATUS_FAIL;  // its process is gone: it ended, without a result
   }
   return SHARE_CAL_SUCCESS;
@@ -362,9 +376,10 @@ bool ShareSnapUsageCal::CheckAvail(const std::string& name, std::string& taskID)
     VELA_INVALID_ARGUMENT("!shareName.empty()");
     return false;
   }
-  bool expired = false;
   // No entry, or a task whose own files are gone: nothing can still run.
-  if (FindTaskID(name, taskID, expired) == SHARE_CAL_NOT_FOUND) return true;
+  const MapLookup entry = LookUpTask(name);
+  taskID = entry.taskID;
+  if (entry.found == SHARE_CAL_NOT_FOUND) return true;
   if (!taskID.empty() && !TaskStatus::CheckFile(taskID)) return true;
   ShareTaskStatus status;
   if (!status.Init(name, false)) {
@@ -382,7 +397,7 @@ bool ShareSnapUsageCal::CheckAvail(const std::string& name, std::string& taskID)
     case CAL_TASK_STATUS_READY:
     case CAL_TASK_STATUS_PROCESS:
       // A running child blocks whatever its age; one that is gone does not.
-      return !CalculationRunning(name, status, state, true);
+      return !CalculationRunning(name, entry, status, state, true);
     case CAL_TASK_STATUS_FAIL:
     case CAL_TASK_STATUS_STOP:
     case CAL_TASK_STATUS_DONE:
