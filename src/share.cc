@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "base/numbers.h"
-#include "base/sz_list.h"
+#include "vela/sz_list.h"
 #include "privileged_section.h"
 #include "vela/vlib_error.h"
 #include "velabtrfssnapusage/reminder.h"
@@ -170,7 +170,7 @@ void Share::Status(VELA::APIRequest* request, VELA::APIResponse* response) {
   // "additional" is never tested: absent, it simply asks for nothing more.
   const auto additional = request->GetAndCheckArray("additional", Request::PARAM_REQUIRED, nullptr);
   VelaBtrfsUsage::ShareTaskStatus status;
-  vela::base::SzList shares;
+  vela::platform::SzList shares;
   if (!shares.Ok()) {
     syslog(LOG_ERR, "%s:%d VLIBCSzListAlloc failed. [0x%04X %s:%d]", kLogSource, __LINE__, VLIBCErrGet(),
            VLIBCErrorGetFile(), VLIBCErrorGetLine());
@@ -284,7 +284,7 @@ void Share::GetReport(VELA::APIRequest* request, VELA::APIResponse* response) {
     return;
   }
   const std::string& name = shareName.Get();
-  vela::base::SzList names;
+  vela::platform::SzList names;
   if (!names.Ok()) {
     syslog(LOG_ERR, "%s:%d VLIBCSzListAlloc failed. [0x%04X %s:%d]", kLogSource, __LINE__, VLIBCErrGet(),
            VLIBCErrorGetFile(), VLIBCErrorGetLine());

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "base/sz_list.h"
+#include "vela/sz_list.h"
 #include "intl_utils/log.h"
 #include "intl_utils/state_files.h"
 
@@ -87,7 +87,7 @@ void FileOrDirClose(int fd, DIR* dir) {
 }
 
 bool HashToJson(PVLIBSZHASH hash, Json::Value& out) {
-  vela::base::SzList keys;
+  vela::platform::SzList keys;
   if (!keys.Ok()) {
     VELA_LOG(LOG_ERR, "VLIBCSzListAlloc failed. " VELA_ERR_FMT, VELA_ERR_ARGS);
     return true;

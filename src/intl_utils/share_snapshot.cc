@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "base/sz_list.h"
+#include "vela/sz_list.h"
 #include "intl_utils/log.h"
 #include "vela/vela_volume.h"
 
@@ -52,7 +52,7 @@ bool PostfixPathAppend(const std::string& prefix, PVLIBSZLIST* names, PVLIBSZLIS
 }
 
 int ShareSnapListGet(const std::string& shareName, PVLIBSZLIST* out, Json::Value& selector) {
-  vela::base::SzList names;
+  vela::platform::SzList names;
   if (!names.Ok()) {
     VELA_LOG(LOG_ERR, "VLIBCSzListAlloc failed. " VELA_ERR_FMT, VELA_ERR_ARGS);
     return -1;

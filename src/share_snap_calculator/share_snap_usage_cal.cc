@@ -13,7 +13,7 @@
 
 #include "base/numbers.h"
 #include "base/record_lock.h"
-#include "base/sz_list.h"
+#include "vela/sz_list.h"
 #include "intl_utils/file_names.h"
 #include "intl_utils/log.h"
 #include "intl_utils/state_files.h"
@@ -31,7 +31,7 @@ namespace VelaBtrfsUsage {
 
 namespace {
 
-using vela::base::SzList;
+using vela::platform::SzList;
 
 constexpr char kLogSource[] = "share_snap_calculator/share_snap_usage_cal";
 constexpr char kMapFile[] = VELA_SHARE_CAL_MAP_FILE;

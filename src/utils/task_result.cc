@@ -10,7 +10,7 @@
 
 #include "base/atomic_file.h"
 #include "base/fd_io.h"
-#include "base/sz_list.h"
+#include "vela/sz_list.h"
 #include "intl_utils/file_names.h"
 #include "intl_utils/log.h"
 #include "intl_utils/state_files.h"
@@ -174,7 +174,7 @@ bool TaskResult::CleanFile(const std::string& taskID) {
     VELA_INVALID_ARGUMENT("!taskID.empty()");
     return false;
   }
-  vela::base::SzList files;
+  vela::platform::SzList files;
   if (!files.Ok()) {
     VELA_LOG(LOG_ERR, "VLIBCSzListAlloc failed. " VELA_ERR_FMT, VELA_ERR_ARGS);
     return false;

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "base/sz_list.h"
+#include "vela/sz_list.h"
 #include "vela/vela_share.h"
 #include "vela/vela_volume.h"
 #include "vela/vlib_error.h"
@@ -96,7 +96,7 @@ PVELASHARE FindShare(const char* name) {
 }
 
 int List() {
-  vela::base::SzList names;
+  vela::platform::SzList names;
   if (!names.Ok() || VELAShareEnum(names.Address(), 0) < 0) {
     fprintf(stderr, "vela-share: cannot list shares: %s\n", SystemReason().c_str());
     return kExitFailed;
@@ -201,7 +201,7 @@ int Snapshot(const char* shareName, const char* snapName) {
 int Snapshots(const char* shareName) {
   PVELASHARE share = FindShare(shareName);
   if (share == nullptr) return kExitFailed;
-  vela::base::SzList names;
+  vela::platform::SzList names;
   int status = kExitOk;
   if (!names.Ok() || VELAShareSnapList(share, names.Address(), nullptr) < 0) {
     fprintf(stderr, "vela-share: cannot list the snapshots of share \"%s\": %s\n", shareName,

@@ -1,11 +1,11 @@
-// A platform string list owned by a scope: freed on every way out,
+// A platform string list owned by a C++ scope: freed on every way out,
 // whatever the list pointer has become (a push may move the list).
-#ifndef VELABTRFSSNAPUSAGE_BASE_SZ_LIST_H_
-#define VELABTRFSSNAPUSAGE_BASE_SZ_LIST_H_
+#ifndef VELA_SZ_LIST_H_
+#define VELA_SZ_LIST_H_
 
 #include "vela/vlib_szlist.h"
 
-namespace vela::base {
+namespace vela::platform {
 
 class SzList {
  public:
@@ -26,6 +26,6 @@ class SzList {
   PVLIBSZLIST list_;
 };
 
-}  // namespace vela::base
+}  // namespace vela::platform
 
-#endif  // VELABTRFSSNAPUSAGE_BASE_SZ_LIST_H_
+#endif  // VELA_SZ_LIST_H_
