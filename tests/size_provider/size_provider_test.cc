@@ -50,6 +50,35 @@ CommandResult ThrottledProvider(const ReadThrottle& throttle, const std::vector<
   return RunCommand(argv);
 }
 
+// The provider writing into a pipe whose reader has gone, with SIGPIPE at
+// its default action as a shell pipeline leaves it (the test process ignores
+// it, and children would inherit that): its status and standard error.
+CommandResult ProviderIntoAClosedPipe(const std::vector<std::string>& args) {
+  ScratchDir scratch;
+  const std::string errPath = scratch / "err";
+  int out[2];
+  if (pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe2 failed");
+  close(out[0]);
+  std::vector<std::string> argv = {kProvider};
+  argv.insert(argv.end(), args.begin(), args.end());
+  const pid_t pid = fork();
+  if (pid == 0) {
+    signal(SIGPIPE, SIG_DFL);
+    const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (err < 0 || dup2(out[1], 1) < 0 || dup2(err, 2) < 0) _exit(126);
+    std::vector<char*> pointers;
+    for (auto& a : argv) pointers.push_back(a.data());
+    pointers.push_back(nullptr);
+    execv(pointers[0], pointers.data());
+    _exit(127);
+  }
+  close(out[1]);
+  CommandResult run;
+  run.status = WaitForExit(pid, 120000);
+  run.err = ReadFile(errPath);
+  return run;
+}
+
 std::vector<std::string> SizeArgs(std::vector<std::string> flags, const std::vector<std::string>& subvolumes) {
   std::vector<std::string> args = {"subvolume", "size"};
   args.insert(args.end(), flags.begin(), flags.end());
@@ -159,6 +188,12 @@ std::vector<uint64_t> RootIds(const std::vector<std::string>& paths) {
   std::vector<uint64_t> ids;
   for (const auto& path : paths) ids.push_back(RootId(path));
   return ids;
+}
+
+unsigned Occurrences(const std::string& text, const std::string& word) {
+  unsigned count = 0;
+  for (size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + 1)) ++count;
+  return count;
 }
 
 std::vector<uint64_t> RunningSums(const std::vector<uint64_t>& figures) {
@@ -404,6 +439,116 @@ TEST(SizeProviderMultiDevice, Raid1WithItsFirstDeviceMissingIsReadFromTheOtherAn
   MustRun({"umount", "/volume2"});
 }
 
+// The generation of the last commit a device's superblock records.
+uint64_t SuperblockGeneration(const std::string& device) {
+  std::istringstream lines(MustRun({"btrfs", "inspect-internal", "dump-super", device}));
+  std::string line;
+  while (std::getline(lines, line)) {
+    std::istringstream words(line);
+    std::string key, value;
+    if (words >> key >> value && key == "generation") return std::stoull(value);
+  }
+  throw std::runtime_error("no generation in the superblock of " + device);
+}
+
+TEST(SizeProviderMultiDevice, AMirrorBackFromADegradedMountWithAnOlderSuperblockIsReadAsTheKernelReadsIt) {
+  ScratchDir scratch;
+  LoopDevices loops;
+  const std::string first = loops.Attach(scratch / "first.img", 512ull << 20);
+  const std::string second = loops.Attach(scratch / "second.img", 512ull << 20);
+  MustRun({"mkfs.btrfs", "-q", "-f", "-d", "raid1", "-m", "raid1", first, second});
+  MustRun({"mount", first, "/volume1"});
+  const ChurnDataset data = BuildChurnDataset("/volume1", 300);
+  MustRun({"umount", "/volume1"});
+  // The second device is away while the file system is written degraded,
+  // then comes back with the superblock of an older commit.
+  loops.Detach(second);
+  MustRun({"mount", "-o", "degraded", first, "/volume1"});
+  std::vector<std::string> snaps = data.snapshots;
+  snaps.push_back(ChangeAndSnapshot(data, "degraded"));
+  MustRun({"umount", "/volume1"});
+  const std::string back = loops.Attach(scratch / "second.img");
+  MustRun({"btrfs", "device", "scan", back});
+  // Mounted read-only nothing commits, so the mirror stays behind.
+  MustRun({"mount", "-o", "ro", first, "/volume1"});
+  const Measured measured = Measure(snaps);
+  ASSERT_LT(SuperblockGeneration(back), SuperblockGeneration(first)) << "the mirror should have stayed behind";
+  MustRun({"umount", "/volume1"});
+
+  MustRun({"cp", "--sparse=always", scratch / "first.img", scratch / "first-copy.img"});
+  MustRun({"cp", "--sparse=always", scratch / "second.img", scratch / "second-copy.img"});
+  loops.Detach(back);
+  loops.Detach(first);
+  MustRun({"btrfs", "device", "scan", loops.Attach(scratch / "second-copy.img")});
+  MustRun({"mount", loops.Attach(scratch / "first-copy.img"), "/volume2"});
+  ExpectTheKernelsFigures(measured, "/volume2");
+  MustRun({"umount", "/volume2"});
+}
+
+// Loop devices over `count` fresh images in `scratch`, with a btrfs of the
+// given data and metadata profile across them, the churn on it, unmounted.
+std::vector<std::string> ChurnedVolume(const ScratchDir& scratch, LoopDevices& loops, int count,
+                                       const std::string& profile, ChurnDataset* data) {
+  std::vector<std::string> devices;
+  std::vector<std::string> mkfs = {"mkfs.btrfs", "-q", "-f", "-d", profile, "-m", profile};
+  for (int i = 0; i < count; ++i) {
+    devices.push_back(loops.Attach(scratch / ("device" + std::to_string(i) + ".img"), 512ull << 20));
+    mkfs.push_back(devices.back());
+  }
+  MustRun(mkfs);
+  MustRun({"mount", devices.back(), "/volume1"});
+  *data = BuildChurnDataset("/volume1", 300);
+  MustRun({"umount", "/volume1"});
+  return devices;
+}
+
+TEST(SizeProviderMultiDevice, DegradedRaid5RebuildsTheBlocksOfItsMissingDeviceFromParityAndGivesTheKernelsFigures) {
+  ScratchDir scratch;
+  LoopDevices loops;
+  ChurnDataset data;
+  const std::vector<std::string> devices = ChurnedVolume(scratch, loops, 3, "raid5", &data);
+  loops.Detach(devices[0]);
+  MustRun({"mount", "-o", "degraded,ro", devices[1], "/volume1"});
+  const Measured measured = Measure(data.snapshots);
+  MustRun({"umount", "/volume1"});
+
+  for (int i : {1, 2}) {
+    MustRun({"cp", "--sparse=always", scratch / ("device" + std::to_string(i) + ".img"),
+             scratch / ("copy" + std::to_string(i) + ".img")});
+    loops.Detach(devices[i]);
+  }
+  MustRun({"btrfs", "device", "scan", loops.Attach(scratch / "copy1.img")});
+  MustRun({"mount", "-o", "degraded", loops.Attach(scratch / "copy2.img"), "/volume2"});
+  ExpectTheKernelsFigures(measured, "/volume2");
+  MustRun({"umount", "/volume2"});
+}
+
+TEST(SizeProviderMultiDevice, Raid6ReadsWithOneDeviceMissingAndSaysPlainlyWhatItCannotRebuildWithTwo) {
+  ScratchDir scratch;
+  LoopDevices loops;
+  ChurnDataset data;
+  const std::vector<std::string> devices = ChurnedVolume(scratch, loops, 4, "raid6", &data);
+  MustRun({"mount", "-o", "ro", devices[3], "/volume1"});
+  const Output whole = Figures(Provider(SizeArgs({"-vm"}, data.snapshots)));
+  MustRun({"umount", "/volume1"});
+
+  loops.Detach(devices[0]);
+  MustRun({"mount", "-o", "degraded,ro", devices[3], "/volume1"});
+  EXPECT_EQ(whole.subvols, Figures(Provider(SizeArgs({"-vm"}, data.snapshots))).subvols);
+  MustRun({"umount", "/volume1"});
+
+  // With two devices gone, blocks whose data stripe and P stripe are both
+  // missing would need the second parity, which this program does not use.
+  loops.Detach(devices[1]);
+  MustRun({"mount", "-o", "degraded,ro", devices[3], "/volume1"});
+  const CommandResult run = Provider(SizeArgs({"-vm"}, data.snapshots));
+  MustRun({"umount", "/volume1"});
+  EXPECT_EQ(1, run.status) << run.err;
+  EXPECT_EQ("", run.out);
+  EXPECT_NE(std::string::npos, run.err.find("cannot be read: it lies on missing device")) << run.err;
+  EXPECT_EQ(std::string::npos, run.err.find("bad tree block")) << run.err;
+}
+
 // ---------------------------------------------------------------------------
 // A busy file system: snapshots taken and deleted every fifth of a second on
 // the same volume. Freed blocks are discarded at once, so a block read after
@@ -442,20 +587,18 @@ TEST(SizeProviderBusy, SnapshotsTakenAndDeletedAllTheTimeFailNoRunAndADeadlineEn
   // Reads slowed so that a reading lasts about as long as the churn takes
   // to move on: many are overtaken. VELA_BUSY_RUNS asks for more runs.
   const int runs = getenv("VELA_BUSY_RUNS") != nullptr ? atoi(getenv("VELA_BUSY_RUNS")) : 20;
-  int restarts = 0;
+  unsigned restarts = 0;
   {
     ReadThrottle throttle(LoopDevice(volume.ImagePath()), walked * 5);
     for (int run = 0; run < runs; ++run) {
       const CommandResult busy = ThrottledProvider(throttle, SizeArgs({"-vpm"}, data.snapshots));
       EXPECT_EQ(0, busy.status) << busy.err;
       EXPECT_EQ(quietOut.subvols, Parse(busy.out).subvols) << busy.err;
-      for (size_t at = busy.err.find("reading again"); at != std::string::npos; at = busy.err.find("reading again", at + 1)) {
-        ++restarts;
-      }
+      restarts += Occurrences(busy.err, "reading again");
     }
   }
   EXPECT_GT(restarts, 0) << "the churn should have overtaken some readings";
-  printf("%d runs, %d readings overtaken and started over\n", runs, restarts);
+  printf("%d runs, %u readings overtaken and started over\n", runs, restarts);
 
   // Slowed so much that the churn overtakes every reading: the run stops
   // at its deadline and says why.
@@ -466,6 +609,13 @@ TEST(SizeProviderBusy, SnapshotsTakenAndDeletedAllTheTimeFailNoRunAndADeadlineEn
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     EXPECT_EQ(3, overtaken.status) << overtaken.err;
     EXPECT_NE(std::string::npos, overtaken.err.find("the file system kept changing")) << overtaken.err;
+    // Each note promising another reading is followed by one: the readings
+    // the message counts are the notes and the last one.
+    unsigned readings = 0;
+    const size_t counted = overtaken.err.find("within 1 s (");
+    ASSERT_NE(std::string::npos, counted) << overtaken.err;
+    ASSERT_EQ(1, sscanf(overtaken.err.c_str() + counted, "within 1 s (%u reading", &readings)) << overtaken.err;
+    EXPECT_EQ(readings, Occurrences(overtaken.err, "reading again") + 1) << overtaken.err;
     const Output partial = Parse(overtaken.out);
     EXPECT_TRUE(partial.subvols.empty() && !partial.hasTotal) << overtaken.out;
     EXPECT_LT(seconds, 20) << "one reading after the deadline at most";
@@ -699,13 +849,19 @@ TEST(SizeProviderRefusals, WhatIsNoMeasurableSubvolumeOfOneBtrfsIsRefused) {
   umount2("/volume3", MNT_DETACH);
 
   // Output that cannot be written is no success: a full device, a closed
-  // standard output, for figures, progress and help alike.
-  for (const char* redirect : {">/dev/full", ">&-"}) {
+  // standard output, a reader that went away, for figures, progress and help
+  // alike.
+  for (const char* redirect : {">/dev/full", ">&-", "closed pipe"}) {
     for (const std::vector<std::string>& args : {SizeArgs({"-v"}, {s1}), SizeArgs({"-p"}, {s1}), {"--help"}}) {
-      std::vector<std::string> argv = {"sh", "-c", std::string("exec \"$@\" ") + redirect, "sh", kProvider};
-      argv.insert(argv.end(), args.begin(), args.end());
-      const CommandResult run = RunCommand(argv);
       SCOPED_TRACE(redirect + testing::PrintToString(args));
+      CommandResult run;
+      if (std::string(redirect) == "closed pipe") {
+        run = ProviderIntoAClosedPipe(args);
+      } else {
+        std::vector<std::string> argv = {"sh", "-c", std::string("exec \"$@\" ") + redirect, "sh", kProvider};
+        argv.insert(argv.end(), args.begin(), args.end());
+        run = RunCommand(argv);
+      }
       EXPECT_EQ(1, run.status);
       EXPECT_NE(std::string::npos, run.err.find("cannot write to standard output")) << run.err;
     }

@@ -174,6 +174,7 @@ UsageFigures MeasureNewestCommit(int fsFd, const Fsid& fsid, const std::vector<u
     const DeviceSet devices = DeviceSet::OfMountedFileSystem(fsFd);
     // The commit about to be read, until the file system tells which it read.
     uint64_t generation = CommittedFileSystem::NewestCommit(devices, fsid.bytes);
+    uint64_t newest = 0;
     try {
       const CommittedFileSystem fs(devices, fsid.bytes);
       generation = fs.Generation();
@@ -181,21 +182,23 @@ UsageFigures MeasureNewestCommit(int fsFd, const Fsid& fsid, const std::vector<u
       return MeasureUsage(fs, ids, progress);
     } catch (const ProviderError& error) {
       if (error.kind() != ProviderError::Kind::kBadBlock) throw;
-      const uint64_t newest = CommittedFileSystem::NewestCommit(devices, fsid.bytes);
+      newest = CommittedFileSystem::NewestCommit(devices, fsid.bytes);
       if ((newest != 0 && newest == generation) || lastFailure == error.what()) throw;
       lastFailure = error.what();
-      // Not an error: a note for whoever wonders why the run takes longer.
-      fprintf(stderr, "vela-btrfs: the file system moved on from commit %llu to %llu while it was read (%s); reading again\n",
-              static_cast<unsigned long long>(generation), static_cast<unsigned long long>(newest), error.what());
     }
     // A short pause, longer after each failure: a file system busy now may
-    // be quiet in a moment.
+    // be quiet in a moment. Whether another reading fits is decided before
+    // the note, so that the note never promises one that does not come.
     const std::chrono::milliseconds pause(25 << std::min(attempt, 4));
     if (Clock::now() + pause >= deadline) {
       Fail(ProviderError::Kind::kKeptChanging,
-           "the file system kept changing: no commit could be read whole within %lld s (%d attempts; the last: %s)",
-           static_cast<long long>(allowed.count()), attempt, lastFailure.c_str());
+           "the file system kept changing: no commit could be read whole within %lld s (%d %s; the last: %s)",
+           static_cast<long long>(allowed.count()), attempt, attempt == 1 ? "reading" : "readings",
+           lastFailure.c_str());
     }
+    // Not an error: a note for whoever wonders why the run takes longer.
+    fprintf(stderr, "vela-btrfs: the file system moved on from commit %llu to %llu while it was read (%s); reading again\n",
+            static_cast<unsigned long long>(generation), static_cast<unsigned long long>(newest), lastFailure.c_str());
     std::this_thread::sleep_for(pause);
   }
 }
