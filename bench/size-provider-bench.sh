@@ -332,27 +332,38 @@ populate_scale() {
   btrfs filesystem sync "$M"
 }
 
-# Builds the scale image at $1 unless it is there, with its extent counts
-# (data extents, tree blocks) in $1.extents.
+# Extents as the file system counts them: the data extent and tree block
+# items in the leaves of its extent tree. The key pointers of its nodes print
+# the same keys and are no extents.
+count_extents() {  # IMAGE: prints "DATA_EXTENTS TREE_BLOCKS"
+  btrfs inspect-internal dump-tree -t extent "$1" |
+    awk '/^\titem [0-9]+ key \([0-9]+ EXTENT_ITEM / { d++ }
+         /^\titem [0-9]+ key \([0-9]+ METADATA_ITEM / { m++ }
+         END { print d + 0, m + 0 }'
+}
+
+# Builds the scale image at $1 unless it is there, with its extent counts in
+# $1.extent-items (an older ".extents" file beside it counted node keys too,
+# and is replaced).
 ensure_scale_image() {
   local image=$1
-  [ -f "$image" ] && [ -f "$image.extents" ] && return 0
-  echo "  building $image (once; later runs reuse it)"
-  mkdir -p "$SCALE_CACHE"
-  local partial=$image.partial build_start
-  build_start=$(date +%s)
-  rm -f "$partial"
-  new_volume "$partial" "$work/build" 64G
-  populate_scale "$work/build"
-  umount "$work/build"
-  # Extents as the file system counts them: its extent tree's data extent
-  # and tree block items.
-  btrfs inspect-internal dump-tree -t extent "$partial" |
-    awk '/key \([0-9]+ EXTENT_ITEM / { d++ } /key \([0-9]+ METADATA_ITEM / { m++ } END { print d + 0, m + 0 }' \
-    >"$partial.extents"
-  mv "$partial.extents" "$image.extents"
-  mv "$partial" "$image"
-  echo "  built in $(($(date +%s) - build_start)) s"
+  if [ ! -f "$image" ]; then
+    echo "  building $image (once; later runs reuse it)"
+    mkdir -p "$SCALE_CACHE"
+    local partial=$image.partial build_start
+    build_start=$(date +%s)
+    rm -f "$partial"
+    new_volume "$partial" "$work/build" 64G
+    populate_scale "$work/build"
+    umount "$work/build"
+    mv "$partial" "$image"
+    echo "  built in $(($(date +%s) - build_start)) s"
+  fi
+  if [ ! -f "$image.extent-items" ]; then
+    count_extents "$image" >"$image.extent-items.partial"
+    mv "$image.extent-items.partial" "$image.extent-items"
+    rm -f "$image.extents"
+  fi
 }
 
 # du over every snapshot of a million files, stopped after DU_TIMEOUT.
@@ -369,7 +380,7 @@ scenario_scale() {
   local image=$SCALE_CACHE/scale-v$SCALE_BUILDER_VERSION-f$SCALE_FILES-s$SCALE_SNAPSHOTS.img
   ensure_scale_image "$image"
   local X=$work/scale s name cold t data_extents tree_blocks
-  read -r data_extents tree_blocks <"$image.extents"
+  read -r data_extents tree_blocks <"$image.extent-items"
   mkdir -p "$X"
   mount -o ro,loop "$image" "$X"
   mounts+=("$X")
