@@ -16,6 +16,7 @@
 #include <functional>
 #include <map>
 #include <numeric>
+#include <random>
 #include <set>
 #include <sstream>
 
@@ -25,6 +26,7 @@
 #include "support/command.h"
 #include "support/fork_child.h"
 #include "support/scratch_dir.h"
+#include "vela/space_map.h"
 
 namespace vela::test {
 namespace {
@@ -203,6 +205,14 @@ std::vector<uint64_t> RunningSums(const std::vector<uint64_t>& figures) {
   return sums;
 }
 
+// An open space map; fails the test when it does not open.
+std::unique_ptr<space_map::SpaceMap> OpenMap(const std::string& path) {
+  std::unique_ptr<space_map::SpaceMap> map;
+  std::string error;
+  EXPECT_EQ(space_map::Status::kOk, space_map::SpaceMap::Open(path, &map, &error)) << error;
+  return map;
+}
+
 // A file held open: while it is, a deleted subvolume holding it waits for
 // the cleaner.
 struct OpenFile {
@@ -347,6 +357,131 @@ INSTANTIATE_TEST_SUITE_P(
     [](const testing::TestParamInfo<Layout>& info) { return std::string(info.param.name); });
 
 // ---------------------------------------------------------------------------
+// The space map, from the same reading as the figures.
+
+// After the churn's eight snapshots: a nested subvolume holding a reflink of
+// the share's data, with a snapshot of its own; then s9 with a file that
+// only it keeps and one that moves to another directory before s10 and is
+// gone by s11.
+constexpr char kMoreShapesScript[] = R"sh(set -eu
+S=$1/share
+N=$1/@snapshots/share
+btrfs -q subvolume create "$S/nested"
+head -c 400000 /dev/urandom > "$S/nested/inner"
+cp --reflink=always "$S/big4" "$S/nested/big4-link"
+btrfs -q subvolume snapshot -r "$S/nested" "$N/nested-1"
+mkdir -p "$S/dir1" "$S/dir2"
+head -c 512000 /dev/urandom > "$S/dir1/moving"
+head -c 300000 /dev/urandom > "$S/solo"
+btrfs -q subvolume snapshot -r "$S" "$N/s9"
+rm "$S/solo"
+mv "$S/dir1/moving" "$S/dir2/moved"
+btrfs -q subvolume snapshot -r "$S" "$N/s10"
+rm "$S/dir2/moved"
+btrfs -q subvolume snapshot -r "$S" "$N/s11"
+btrfs filesystem sync "$1"
+)sh";
+
+std::vector<std::string> WithoutProgressDone(const std::string& out) {
+  std::vector<std::string> lines;
+  std::istringstream in(out);
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind("processed ", 0) != 0) lines.push_back(line);  // printed as time goes by
+  }
+  return lines;
+}
+
+TEST(SizeProviderSpaceMap, AnySetFreesWhatTheKernelsQuotaGroupOfItSaysAndTheFilesBehindItAreNamed) {
+  BtrfsImage volume("/volume1", 512ull << 20);
+  const ChurnDataset data = BuildChurnDataset("/volume1", 1500);
+  MustRun({"sh", "-c", kMoreShapesScript, "shapes", "/volume1"});
+  std::vector<std::string> order = data.snapshots;
+  for (const char* name : {"s9", "s10", "s11", "nested-1"}) order.push_back("/volume1/@snapshots/share/" + std::string(name));
+  const std::vector<uint64_t> ids = RootIds(order);
+  const size_t s9 = 8, s10 = 9;
+
+  // The lines printed are the same with the map as without it.
+  ScratchDir scratch;
+  const std::string map = scratch / "map", limited = scratch / "limited";
+  const CommandResult plain = Provider(SizeArgs({"-vm"}, order));
+  const CommandResult mapped = Provider(SizeArgs({"-vm", "--space-map", map}, order));
+  EXPECT_EQ(0, mapped.status) << mapped.err;
+  EXPECT_EQ(plain.out, mapped.out);
+  EXPECT_EQ(WithoutProgressDone(Provider(SizeArgs({"-vpm"}, order)).out),
+            WithoutProgressDone(Provider(SizeArgs({"-vpm", "--space-map=" + limited, "--space-map-file-rows", "1"}, order)).out));
+  const Output marginal = Figures(plain);
+  const auto reader = OpenMap(map);
+  const auto limitedReader = OpenMap(limited);
+  ASSERT_TRUE(reader && limitedReader);
+  ASSERT_EQ(ids, reader->RootIds());
+  const auto rows = reader->Snapshots();
+  const auto sums = RunningSums(marginal.Bytes());
+
+  // Random sets of the snapshots, not only prefixes; the pairs of
+  // neighbours for what each adds to the one before it; all.
+  std::mt19937 random(5);
+  std::vector<std::vector<uint64_t>> sets;
+  for (int k = 0; k < 12; ++k) {
+    std::vector<uint64_t> set;
+    for (uint64_t id : ids) {
+      if (random() % 3 == 0) set.push_back(id);
+    }
+    if (!set.empty()) sets.push_back(set);
+  }
+  const size_t firstPair = sets.size();
+  for (size_t i = 1; i < ids.size(); ++i) sets.push_back({ids[i - 1], ids[i]});
+  sets.push_back(ids);
+
+  // Files of known sets: what only s9 keeps; the moved file with the
+  // newest path of the set holding it; all of them with one row kept.
+  const auto top = [](const space_map::SpaceMap& m, const std::vector<uint64_t>& set) {
+    space_map::Freed freed;
+    std::string error;
+    EXPECT_EQ(space_map::Status::kOk, m.FreedBy(set, 20, &freed, &error)) << error;
+    return freed;
+  };
+  const auto onlyS9 = top(*reader, {ids[s9]});
+  ASSERT_FALSE(onlyS9.files.empty());
+  EXPECT_EQ("solo", onlyS9.files[0].path);
+  EXPECT_EQ(ids[s9], onlyS9.files[0].rootId);
+  EXPECT_EQ(303104u, onlyS9.files[0].bytes) << "300000 bytes in whole sectors";
+  EXPECT_GE(onlyS9.dataBytes, 303104u);
+  const auto both = top(*reader, {ids[s10], ids[s9]});
+  ASSERT_GE(both.files.size(), 2u);
+  EXPECT_EQ("dir2/moved", both.files[0].path) << "named as s10 sees it";
+  EXPECT_EQ(ids[s10], both.files[0].rootId);
+  EXPECT_EQ(512000u, both.files[0].bytes);
+  EXPECT_EQ("solo", both.files[1].path);
+  EXPECT_TRUE(both.filesComplete);
+  const auto all = top(*reader, ids);
+  const auto allLimited = top(*limitedReader, ids);
+  EXPECT_EQ(all.freedBytes, allLimited.freedBytes) << "the signatures stay exact";
+  EXPECT_FALSE(allLimited.filesComplete);
+  ASSERT_EQ(1u, allLimited.files.size());
+  ASSERT_GE(all.files.size(), 2u) << "one row kept is fewer than all";
+  EXPECT_EQ(all.files[0].path, allLimited.files[0].path) << "the largest row is kept";
+
+  volume.Unmount();
+  MountedCopy copy(volume.ImagePath(), scratch / "copy.img", "/volume2");
+  const auto groups = QuotaGroupsOfSets("/volume2", sets);
+  for (size_t i = 0; i < ids.size(); ++i) {
+    SCOPED_TRACE(order[i]);
+    EXPECT_EQ(groups.at("0/" + std::to_string(ids[i])).exclusive, rows[i].aloneBytes);
+    EXPECT_EQ(sums[i], rows[i].accumBytes);
+    const uint64_t added = i == 0 ? groups.at("0/" + std::to_string(ids[0])).referenced
+                                  : groups.at("1/" + std::to_string(firstPair + i)).referenced -
+                                        groups.at("0/" + std::to_string(ids[i - 1])).referenced;
+    EXPECT_EQ(added, rows[i].addedBytes);
+  }
+  for (size_t k = 0; k < sets.size(); ++k) {
+    SCOPED_TRACE("set " + testing::PrintToString(sets[k]));
+    const space_map::Freed freed = top(*reader, sets[k]);
+    EXPECT_EQ(groups.at("1/" + std::to_string(k + 1)).exclusive, freed.freedBytes);
+    EXPECT_EQ(freed.freedBytes, top(*limitedReader, sets[k]).freedBytes);
+  }
+}
+
+// ---------------------------------------------------------------------------
 // File systems of several devices: a sprout of a seed, and RAID1 with a
 // device missing. Figures on the mounted file system, then the kernel's
 // quota groups on byte copies of what is left of its devices.
@@ -354,23 +489,33 @@ INSTANTIATE_TEST_SUITE_P(
 struct Measured {
   std::vector<uint64_t> ids;
   Output exclusive, marginal;  // marginal in the given order
+  std::vector<space_map::SnapshotBytes> map;  // the space map of the marginal run
 };
 
 Measured Measure(const std::vector<std::string>& snapshots) {
+  ScratchDir scratch;
   Measured m{RootIds(snapshots), Figures(Provider(SizeArgs({"-v"}, snapshots))),
-             Figures(Provider(SizeArgs({"-vpm"}, snapshots)))};
+             Figures(Provider(SizeArgs({"-vpm", "--space-map", scratch / "map"}, snapshots))), {}};
   EXPECT_EQ(m.ids, m.exclusive.Ids());
   EXPECT_EQ(m.ids, m.marginal.Ids());
+  if (const auto map = OpenMap(scratch / "map")) m.map = map->Snapshots();
   return m;
 }
 
 void ExpectTheKernelsFigures(const Measured& m, const std::string& mount) {
   const auto groups = QuotaGroupsOfPrefixes(mount, {m.ids});
-  if (m.exclusive.subvols.size() != m.ids.size() || m.marginal.subvols.size() != m.ids.size()) return;
+  if (m.exclusive.subvols.size() != m.ids.size() || m.marginal.subvols.size() != m.ids.size() ||
+      m.map.size() != m.ids.size()) {
+    return;
+  }
   const auto sums = RunningSums(m.marginal.Bytes());
   for (size_t i = 0; i < m.ids.size(); ++i) {
-    EXPECT_EQ(groups.at("0/" + std::to_string(m.ids[i])).exclusive, m.exclusive.Bytes()[i]) << "subvolume " << m.ids[i];
-    EXPECT_EQ(groups.at("1/" + std::to_string(i + 1)).exclusive, sums[i]) << "the first " << i + 1;
+    const Qgroup& alone = groups.at("0/" + std::to_string(m.ids[i]));
+    const Qgroup& first = groups.at("1/" + std::to_string(i + 1));
+    EXPECT_EQ(alone.exclusive, m.exclusive.Bytes()[i]) << "subvolume " << m.ids[i];
+    EXPECT_EQ(first.exclusive, sums[i]) << "the first " << i + 1;
+    EXPECT_EQ(alone.exclusive, m.map[i].aloneBytes) << "the map, subvolume " << m.ids[i];
+    EXPECT_EQ(first.exclusive, m.map[i].accumBytes) << "the map, the first " << i + 1;
   }
 }
 
