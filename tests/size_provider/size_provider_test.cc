@@ -953,6 +953,11 @@ TEST(SizeProviderRefusals, UsageErrorsExitWithTwoAndNameWhatIsWrong) {
     ExpectRefused({"subvolume", "size", std::string("--deadline=") + seconds, "/"}, kUsage, "--deadline");
   }
   ExpectRefused({"subvolume", "size", "-v", "--deadline"}, kUsage, "--deadline");
+  ExpectRefused({"subvolume", "size", "-v", "--space-map"}, kUsage, "--space-map needs a file name");
+  ExpectRefused({"subvolume", "size", "-v", "--space-map=", "/"}, kUsage, "--space-map needs a file name");
+  for (const char* rows : {"x", "-1", "01", "4294967296"}) {
+    ExpectRefused({"subvolume", "size", "--space-map-file-rows", rows, "/"}, kUsage, "--space-map-file-rows");
+  }
 
   for (const std::vector<std::string>& help : {std::vector<std::string>{"--help"}, {"subvolume", "size", "--help"}}) {
     const CommandResult shown = Provider(help);
@@ -991,6 +996,9 @@ TEST(SizeProviderRefusals, WhatIsNoMeasurableSubvolumeOfOneBtrfsIsRefused) {
   ExpectRefused({"subvolume", "size", "-v", s1, share, s1}, kFailure, "");
   ExpectRefused({"subvolume", "size", "-v", s1, "/volume1/latest"}, kFailure, "");
   ExpectRefused({"subvolume", "size", "-vpm", "-r", "/volume1", s1Id, "5", s1Id}, kFailure, s1Id);
+  // A map that cannot be written fails the run before any figure.
+  ExpectRefused({"subvolume", "size", "-v", "--space-map", "/volume1/no-such-dir/map", s1}, kFailure,
+                "cannot write the space map /volume1/no-such-dir/map");
   umount2("/volume3", MNT_DETACH);
 
   // Output that cannot be written is no success: a full device, a closed

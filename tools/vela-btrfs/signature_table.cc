@@ -16,46 +16,57 @@ constexpr size_t kUnionSlots = size_t{1} << kUnionBits;
 
 }  // namespace
 
-SignatureTable::SignatureTable() : index_(64, Hash{this}, Equal{this}), unions_(kUnionSlots) {
-  entries_.push_back(Entry{0, 0, false});
-  index_.insert(kNothing);
+SignatureTable::SignatureTable() : index_(1024, kNothing), unions_(kUnionSlots) {
+  entries_.push_back(Entry{0, 0, 0, false});
   outside_ = Intern(static_cast<uint32_t>(runs_.size()), true);
 }
 
-size_t SignatureTable::Hash::operator()(Id id) const {
-  const Entry& entry = table->entries_[id];
-  uint64_t hash = entry.outside ? 0x9E3779B97F4A7C15ULL : 0xC2B2AE3D27D4EB4FULL;
-  for (uint32_t i = 0; i < entry.count; ++i) {
-    const Run& run = table->runs_[entry.first + i];
-    hash = (hash ^ ((uint64_t{run.first} << 32) | run.last)) * 0x100000001B3ULL;
-    hash ^= hash >> 29;
-  }
-  return static_cast<size_t>(hash);
-}
-
-bool SignatureTable::Equal::operator()(Id a, Id b) const {
-  const Entry& x = table->entries_[a];
-  const Entry& y = table->entries_[b];
-  if (x.outside != y.outside || x.count != y.count) return false;
-  const Run* p = table->runs_.data() + x.first;
-  const Run* q = table->runs_.data() + y.first;
+bool SignatureTable::SameSet(const Entry& x, const Entry& y) const {
+  if (x.hash != y.hash || x.outside != y.outside || x.count != y.count) return false;
+  const Run* p = runs_.data() + x.first;
+  const Run* q = runs_.data() + y.first;
   for (uint32_t i = 0; i < x.count; ++i) {
     if (p[i].first != q[i].first || p[i].last != q[i].last) return false;
   }
   return true;
 }
 
+void SignatureTable::GrowIndex() {
+  std::vector<Id> grown(index_.size() * 2, kNothing);
+  const size_t mask = grown.size() - 1;
+  for (Id id : index_) {
+    if (id == kNothing) continue;
+    size_t slot = entries_[id].hash & mask;
+    while (grown[slot] != kNothing) slot = (slot + 1) & mask;
+    grown[slot] = id;
+  }
+  index_.swap(grown);
+}
+
 SignatureTable::Id SignatureTable::Intern(uint32_t first, bool outside) {
-  if (entries_.size() >= UINT32_MAX || runs_.size() >= UINT32_MAX) {
+  if (entries_.size() >= UINT32_MAX / 2 || runs_.size() >= UINT32_MAX) {
     Fail(ProviderError::Kind::kRefused, "more distinct sets of subvolumes than one run can tell apart");
   }
-  const Id candidate = static_cast<Id>(entries_.size());
-  entries_.push_back(Entry{first, static_cast<uint32_t>(runs_.size() - first), outside});
-  const auto [found, inserted] = index_.insert(candidate);
-  if (inserted) return candidate;
-  entries_.pop_back();
-  runs_.resize(first);
-  return *found;
+  Entry entry{first, static_cast<uint32_t>(runs_.size() - first), 0, outside};
+  uint64_t hash = outside ? 0x9E3779B97F4A7C15ULL : 0xC2B2AE3D27D4EB4FULL;
+  for (uint32_t i = first; i < runs_.size(); ++i) {
+    hash = (hash ^ ((uint64_t{runs_[i].first} << 32) | runs_[i].last)) * 0x100000001B3ULL;
+    hash ^= hash >> 29;
+  }
+  entry.hash = static_cast<uint32_t>(hash ^ (hash >> 32));
+  const size_t mask = index_.size() - 1;
+  size_t slot = entry.hash & mask;
+  for (; index_[slot] != kNothing; slot = (slot + 1) & mask) {
+    if (SameSet(entries_[index_[slot]], entry)) {
+      runs_.resize(first);
+      return index_[slot];
+    }
+  }
+  const Id id = static_cast<Id>(entries_.size());
+  entries_.push_back(entry);
+  index_[slot] = id;
+  if (entries_.size() * 2 > index_.size()) GrowIndex();
+  return id;
 }
 
 SignatureTable::Id SignatureTable::Own(uint32_t position) {

@@ -15,7 +15,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <unordered_set>
 #include <vector>
 
 namespace vela::btrfs {
@@ -54,23 +53,20 @@ class SignatureTable {
   struct Entry {
     uint32_t first;  // index of its first run in runs_
     uint32_t count;
+    uint32_t hash;   // of its runs and outside flag
     bool outside;
-  };
-  struct Hash {
-    const SignatureTable* table;
-    size_t operator()(Id id) const;
-  };
-  struct Equal {
-    const SignatureTable* table;
-    bool operator()(Id a, Id b) const;
   };
   // The signature of the runs appended to runs_ from `first` on: an
   // existing one (and the runs are taken back), or a new one.
   Id Intern(uint32_t first, bool outside);
+  bool SameSet(const Entry& a, const Entry& b) const;
+  void GrowIndex();
 
   std::vector<Run> runs_;
   std::vector<Entry> entries_;
-  std::unordered_set<Id, Hash, Equal> index_;
+  // Open addressing by hash, linear probing; kNothing marks a free slot
+  // (the empty set itself is never looked up). Kept at most half full.
+  std::vector<Id> index_;
   // Recent unions, a slot per hash of the pair: small and fixed, and a
   // pair that meets again usually finds its slot still holding it.
   struct RememberedUnion {

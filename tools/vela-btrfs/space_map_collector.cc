@@ -70,33 +70,40 @@ void SpaceMapCollector::Begin(SignatureTable& table, const CommittedFileSystem& 
 }
 
 void SpaceMapCollector::Leaf(const TreeBlock& leaf, SignatureTable::Id signature) {
+  const uint32_t count = leaf.ItemCount();
+  if (count == 0) return;
   const bool freeable = !table_->HasOutside(signature);
-  leafInodes_.clear();
+  const uint64_t first = leaf.ItemKey(0).objectid;
+  const uint64_t last = leaf.ItemKey(count - 1).objectid;
+  // Items come by key: an inode's item, then its names, then its extents.
+  uint64_t described = 0;  // the inode of the last inode item
+  bool directory = false;
   leafNames_.clear();
-  for (uint32_t i = 0; i < leaf.ItemCount(); ++i) {
-    const TreeBlock::Item item = leaf.LeafItem(i);
-    if (leafInodes_.empty() || leafInodes_.back().inode != item.key.objectid) {
-      leafInodes_.push_back(LeafInode{item.key.objectid});
-    }
-    LeafInode& inode = leafInodes_.back();
-    if (const auto directory = ReadIsDirectory(item)) {
-      inode.directory = *directory;
-    } else if (const auto name = ReadInodeName(item)) {
-      leafNames_.push_back(*name);
-    } else if (freeable) {
-      if (const auto extent = ReadFileExtent(item, sectorSize_)) {
-        fileRefs_.Add(FileRef{extent->bytenr, item.key.objectid, signature});
-        inode.hasExtent = true;
-      }
+  for (uint32_t i = 0; i < count; ++i) {
+    const DiskKey key = leaf.ItemKey(i);
+    switch (key.type) {
+      case BTRFS_INODE_ITEM_KEY:
+        directory = *ReadIsDirectory(leaf.LeafItem(i));
+        described = key.objectid;
+        break;
+      case BTRFS_INODE_REF_KEY:
+      case BTRFS_INODE_EXTREF_KEY:
+        leafNames_.push_back(LeafName{*ReadInodeName(leaf.LeafItem(i)), described == key.objectid && directory, false});
+        break;
+      case BTRFS_EXTENT_DATA_KEY:
+        if (!freeable) break;
+        if (const auto extent = ReadFileExtent(leaf.LeafItem(i), sectorSize_)) {
+          fileRefs_.Add(FileRef{extent->bytenr, key.objectid, signature});
+          if (!leafNames_.empty() && leafNames_.back().name.inode == key.objectid) leafNames_.back().hasExtent = true;
+        }
+        break;
+      default:
+        break;
     }
   }
-  if (leafNames_.empty()) return;
-  const uint64_t first = leafInodes_.front().inode;
-  const uint64_t last = leafInodes_.back().inode;
-  auto inode = leafInodes_.begin();
-  for (const InodeName& name : leafNames_) {
-    while (inode->inode != name.inode) ++inode;  // both ascend; every name's inode is listed
-    if (!inode->directory && !inode->hasExtent && name.inode != first && name.inode != last) continue;
+  for (const LeafName& kept : leafNames_) {
+    const InodeName& name = kept.name;
+    if (!kept.directory && !kept.hasExtent && name.inode != first && name.inode != last) continue;
     if (nameBytes_.size() > UINT32_MAX - name.length - 2u) {
       Fail(ProviderError::Kind::kRefused, "the names of the files behind the space map exceed 4 GiB");
     }

@@ -110,14 +110,14 @@ class SpaceMapCollector : public UsageObserver {
   std::unordered_map<uint64_t, std::unordered_map<uint64_t, std::string>> directoryPaths_;
   space_map::Content content_;
 
-  // Per leaf, reused: its inodes with their kind and what they need.
-  struct LeafInode {
-    uint64_t inode;
-    bool directory = false;
-    bool hasExtent = false;
+  // Per leaf, reused: the names it gives, with what decides whether to keep
+  // them.
+  struct LeafName {
+    InodeName name;
+    bool directory;
+    bool hasExtent;
   };
-  std::vector<LeafInode> leafInodes_;
-  std::vector<InodeName> leafNames_;
+  std::vector<LeafName> leafNames_;
 };
 
 }  // namespace vela::btrfs

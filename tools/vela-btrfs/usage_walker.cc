@@ -212,6 +212,8 @@ UsageFigures Walk(const CommittedFileSystem& fs, const std::vector<uint64_t>& id
             if (level > 0) {
               const TreeBlock::ChildPointer child = block.Child(i);
               levels[level - 1].Add(BlockRef<Summaries>{child.bytenr, child.generation, summary});
+            } else if (block.ItemKey(i).type != BTRFS_EXTENT_DATA_KEY) {
+              continue;  // most items of a leaf: nothing to parse
             } else if (const auto extent = ReadFileExtent(block.LeafItem(i), sectorSize)) {
               data.Add(DataRef<Summaries>{extent->bytenr, static_cast<uint32_t>(extent->bytes / sectorSize), summary});
             }
