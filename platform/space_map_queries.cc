@@ -19,13 +19,25 @@ uint32_t Candidates(uint32_t positions, uint64_t keepNewest) {
   return keepNewest >= positions ? 0 : positions - static_cast<uint32_t>(keepNewest);
 }
 
-// What deleting every candidate frees: the most any proposal can.
-uint64_t MostFreed(const std::vector<Signature>& signatures, uint32_t candidates) {
+// What a plan aims at: the candidates are the positions below
+// `candidates`; deleting all of them frees `most`, the most any proposal
+// can, so a proposal aims at `target`.
+struct Goal {
+  uint32_t candidates = 0;
   uint64_t most = 0;
+  uint64_t target = 0;
+  bool reachable = false;
+};
+
+Goal GoalOf(const std::vector<Signature>& signatures, uint32_t positions, uint64_t bytes, uint64_t keepNewest) {
+  Goal goal;
+  goal.candidates = Candidates(positions, keepNewest);
   for (const Signature& signature : signatures) {
-    if (!signature.outside && signature.runs.back().last < candidates) most += BytesOf(signature);
+    if (!signature.outside && signature.runs.back().last < goal.candidates) goal.most += BytesOf(signature);
   }
-  return most;
+  goal.target = std::min(bytes, goal.most);
+  goal.reachable = bytes <= goal.most;
+  return goal;
 }
 
 PositionProposal Judged(const std::vector<Signature>& signatures, uint32_t positions, std::vector<uint32_t> chosen) {
@@ -82,34 +94,30 @@ uint64_t SumBytes(const std::vector<Signature>& signatures, const std::vector<ui
 
 PositionProposal OldestFirst(const std::vector<Signature>& signatures, uint32_t positions, uint64_t bytes,
                              uint64_t keepNewest) {
-  const uint32_t candidates = Candidates(positions, keepNewest);
-  const uint64_t most = MostFreed(signatures, candidates);
-  const uint64_t target = std::min(bytes, most);
+  const Goal goal = GoalOf(signatures, positions, bytes, keepNewest);
   // What deleting the first i+1 positions frees beyond the first i.
-  std::vector<uint64_t> marginal(candidates, 0);
+  std::vector<uint64_t> marginal(goal.candidates, 0);
   for (const Signature& signature : signatures) {
-    if (!signature.outside && signature.runs.back().last < candidates) {
+    if (!signature.outside && signature.runs.back().last < goal.candidates) {
       marginal[signature.runs.back().last] += BytesOf(signature);
     }
   }
   PositionProposal proposal;
-  for (uint32_t i = 0; i < candidates && proposal.freedBytes < target; ++i) {
+  for (uint32_t i = 0; i < goal.candidates && proposal.freedBytes < goal.target; ++i) {
     proposal.positions.push_back(i);
     proposal.freedBytes += marginal[i];
   }
-  proposal.reached = bytes <= most;
+  proposal.reached = goal.reachable;
   return proposal;
 }
 
 PositionProposal FewestSnapshots(const std::vector<Signature>& signatures, uint32_t positions, uint64_t bytes,
                                  uint64_t keepNewest) {
-  const uint32_t m = Candidates(positions, keepNewest);
-  const uint64_t most = MostFreed(signatures, m);
-  const uint64_t target = std::min(bytes, most);
-  const bool reached = bytes <= most;
-  if (target == 0) {
+  const Goal goal = GoalOf(signatures, positions, bytes, keepNewest);
+  const uint32_t m = goal.candidates;
+  if (goal.target == 0) {
     PositionProposal none;
-    none.reached = reached;
+    none.reached = goal.reachable;
     return none;
   }
   bool allRuns = true;
@@ -170,8 +178,8 @@ PositionProposal FewestSnapshots(const std::vector<Signature>& signatures, uint3
       }
       std::sort(chosen.begin(), chosen.end());
       PositionProposal proposal = Judged(signatures, positions, std::move(chosen));
-      if (proposal.freedBytes >= target) {
-        proposal.reached = reached;
+      if (proposal.freedBytes >= goal.target) {
+        proposal.reached = goal.reachable;
         proposal.exact = allRuns;
         return proposal;
       }

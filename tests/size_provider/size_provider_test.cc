@@ -532,6 +532,23 @@ std::string ChangeAndSnapshot(const ChurnDataset& data, const std::string& name)
   return snapshot;
 }
 
+// Loop devices over `count` fresh images in `scratch`, with a btrfs of the
+// given data and metadata profile across them, the churn on it, unmounted.
+std::vector<std::string> ChurnedVolume(const ScratchDir& scratch, LoopDevices& loops, int count,
+                                       const std::string& profile, ChurnDataset* data) {
+  std::vector<std::string> devices;
+  std::vector<std::string> mkfs = {"mkfs.btrfs", "-q", "-f", "-d", profile, "-m", profile};
+  for (int i = 0; i < count; ++i) {
+    devices.push_back(loops.Attach(scratch / ("device" + std::to_string(i) + ".img"), 512ull << 20));
+    mkfs.push_back(devices.back());
+  }
+  MustRun(mkfs);
+  MustRun({"mount", devices.back(), "/volume1"});
+  *data = BuildChurnDataset("/volume1", 300);
+  MustRun({"umount", "/volume1"});
+  return devices;
+}
+
 TEST(SizeProviderMultiDevice, ASproutReadsItsSeedAndGivesTheKernelsFigures) {
   ScratchDir scratch;
   LoopDevices loops;
@@ -563,13 +580,10 @@ TEST(SizeProviderMultiDevice, ASproutReadsItsSeedAndGivesTheKernelsFigures) {
 TEST(SizeProviderMultiDevice, Raid1WithItsFirstDeviceMissingIsReadFromTheOtherAndGivesTheKernelsFigures) {
   ScratchDir scratch;
   LoopDevices loops;
-  const std::string first = loops.Attach(scratch / "first.img", 512ull << 20);
-  const std::string second = loops.Attach(scratch / "second.img", 512ull << 20);
-  MustRun({"mkfs.btrfs", "-q", "-f", "-d", "raid1", "-m", "raid1", first, second});
-  MustRun({"mount", second, "/volume1"});
-  const ChurnDataset data = BuildChurnDataset("/volume1", 300);
-  MustRun({"umount", "/volume1"});
-  loops.Detach(first);
+  ChurnDataset data;
+  const std::vector<std::string> devices = ChurnedVolume(scratch, loops, 2, "raid1", &data);
+  const std::string& second = devices[1];
+  loops.Detach(devices[0]);
   MustRun({"mount", "-o", "degraded", second, "/volume1"});
   ASSERT_NE(std::string::npos, MustRun({"btrfs", "filesystem", "show", "/volume1"}).find("MISSING"));
   std::vector<std::string> snaps = data.snapshots;
@@ -577,7 +591,7 @@ TEST(SizeProviderMultiDevice, Raid1WithItsFirstDeviceMissingIsReadFromTheOtherAn
   const Measured measured = Measure(snaps);
 
   MustRun({"umount", "/volume1"});
-  MustRun({"cp", "--sparse=always", scratch / "second.img", scratch / "copy.img"});
+  MustRun({"cp", "--sparse=always", scratch / "device1.img", scratch / "copy.img"});
   loops.Detach(second);
   MustRun({"mount", "-o", "degraded", loops.Attach(scratch / "copy.img"), "/volume2"});
   ExpectTheKernelsFigures(measured, "/volume2");
@@ -599,20 +613,17 @@ uint64_t SuperblockGeneration(const std::string& device) {
 TEST(SizeProviderMultiDevice, AMirrorBackFromADegradedMountWithAnOlderSuperblockIsReadAsTheKernelReadsIt) {
   ScratchDir scratch;
   LoopDevices loops;
-  const std::string first = loops.Attach(scratch / "first.img", 512ull << 20);
-  const std::string second = loops.Attach(scratch / "second.img", 512ull << 20);
-  MustRun({"mkfs.btrfs", "-q", "-f", "-d", "raid1", "-m", "raid1", first, second});
-  MustRun({"mount", first, "/volume1"});
-  const ChurnDataset data = BuildChurnDataset("/volume1", 300);
-  MustRun({"umount", "/volume1"});
-  // The second device is away while the file system is written degraded,
+  ChurnDataset data;
+  const std::vector<std::string> devices = ChurnedVolume(scratch, loops, 2, "raid1", &data);
+  const std::string& first = devices[1];
+  // The other device is away while the file system is written degraded,
   // then comes back with the superblock of an older commit.
-  loops.Detach(second);
+  loops.Detach(devices[0]);
   MustRun({"mount", "-o", "degraded", first, "/volume1"});
   std::vector<std::string> snaps = data.snapshots;
   snaps.push_back(ChangeAndSnapshot(data, "degraded"));
   MustRun({"umount", "/volume1"});
-  const std::string back = loops.Attach(scratch / "second.img");
+  const std::string back = loops.Attach(scratch / "device0.img");
   MustRun({"btrfs", "device", "scan", back});
   // Mounted read-only nothing commits, so the mirror stays behind.
   MustRun({"mount", "-o", "ro", first, "/volume1"});
@@ -620,31 +631,14 @@ TEST(SizeProviderMultiDevice, AMirrorBackFromADegradedMountWithAnOlderSuperblock
   ASSERT_LT(SuperblockGeneration(back), SuperblockGeneration(first)) << "the mirror should have stayed behind";
   MustRun({"umount", "/volume1"});
 
-  MustRun({"cp", "--sparse=always", scratch / "first.img", scratch / "first-copy.img"});
-  MustRun({"cp", "--sparse=always", scratch / "second.img", scratch / "second-copy.img"});
+  MustRun({"cp", "--sparse=always", scratch / "device1.img", scratch / "first-copy.img"});
+  MustRun({"cp", "--sparse=always", scratch / "device0.img", scratch / "back-copy.img"});
   loops.Detach(back);
   loops.Detach(first);
-  MustRun({"btrfs", "device", "scan", loops.Attach(scratch / "second-copy.img")});
+  MustRun({"btrfs", "device", "scan", loops.Attach(scratch / "back-copy.img")});
   MustRun({"mount", loops.Attach(scratch / "first-copy.img"), "/volume2"});
   ExpectTheKernelsFigures(measured, "/volume2");
   MustRun({"umount", "/volume2"});
-}
-
-// Loop devices over `count` fresh images in `scratch`, with a btrfs of the
-// given data and metadata profile across them, the churn on it, unmounted.
-std::vector<std::string> ChurnedVolume(const ScratchDir& scratch, LoopDevices& loops, int count,
-                                       const std::string& profile, ChurnDataset* data) {
-  std::vector<std::string> devices;
-  std::vector<std::string> mkfs = {"mkfs.btrfs", "-q", "-f", "-d", profile, "-m", profile};
-  for (int i = 0; i < count; ++i) {
-    devices.push_back(loops.Attach(scratch / ("device" + std::to_string(i) + ".img"), 512ull << 20));
-    mkfs.push_back(devices.back());
-  }
-  MustRun(mkfs);
-  MustRun({"mount", devices.back(), "/volume1"});
-  *data = BuildChurnDataset("/volume1", 300);
-  MustRun({"umount", "/volume1"});
-  return devices;
 }
 
 TEST(SizeProviderMultiDevice, DegradedRaid5RebuildsTheBlocksOfItsMissingDeviceFromParityAndGivesTheKernelsFigures) {
