@@ -519,6 +519,24 @@ void ExpectTheKernelsFigures(const Measured& m, const std::string& mount) {
   }
 }
 
+// The kernel's figures on byte copies of a file system's images: each
+// image's loop device (`devices`, in the same order) is detached, the copies
+// are attached, and that of the last image is mounted at /volume2 with
+// `options`.
+void ExpectTheKernelsFiguresOnCopies(const Measured& m, LoopDevices& loops, const std::vector<std::string>& images,
+                                     const std::vector<std::string>& devices, const std::string& options) {
+  for (size_t i = 0; i < images.size(); ++i) {
+    MustRun({"cp", "--sparse=always", images[i], images[i] + ".copy"});
+    loops.Detach(devices[i]);
+  }
+  for (size_t i = 0; i + 1 < images.size(); ++i) MustRun({"btrfs", "device", "scan", loops.Attach(images[i] + ".copy")});
+  std::vector<std::string> mount = {"mount", loops.Attach(images.back() + ".copy"), "/volume2"};
+  if (!options.empty()) mount.insert(mount.begin() + 1, {"-o", options});
+  MustRun(mount);
+  ExpectTheKernelsFigures(m, "/volume2");
+  MustRun({"umount", "/volume2"});
+}
+
 // After the churn, changes and one more snapshot, `name`: it shares data
 // and tree blocks with the older snapshots and has new ones of its own.
 std::string ChangeAndSnapshot(const ChurnDataset& data, const std::string& name) {
@@ -567,14 +585,7 @@ TEST(SizeProviderMultiDevice, ASproutReadsItsSeedAndGivesTheKernelsFigures) {
   const Measured measured = Measure(snaps);
 
   MustRun({"umount", "/volume1"});
-  MustRun({"cp", "--sparse=always", scratch / "seed.img", scratch / "seed-copy.img"});
-  MustRun({"cp", "--sparse=always", scratch / "sprout.img", scratch / "sprout-copy.img"});
-  loops.Detach(sprout);
-  loops.Detach(seed);
-  MustRun({"btrfs", "device", "scan", loops.Attach(scratch / "seed-copy.img")});
-  MustRun({"mount", loops.Attach(scratch / "sprout-copy.img"), "/volume2"});
-  ExpectTheKernelsFigures(measured, "/volume2");
-  MustRun({"umount", "/volume2"});
+  ExpectTheKernelsFiguresOnCopies(measured, loops, {scratch / "seed.img", scratch / "sprout.img"}, {seed, sprout}, "");
 }
 
 TEST(SizeProviderMultiDevice, Raid1WithItsFirstDeviceMissingIsReadFromTheOtherAndGivesTheKernelsFigures) {
@@ -591,11 +602,7 @@ TEST(SizeProviderMultiDevice, Raid1WithItsFirstDeviceMissingIsReadFromTheOtherAn
   const Measured measured = Measure(snaps);
 
   MustRun({"umount", "/volume1"});
-  MustRun({"cp", "--sparse=always", scratch / "device1.img", scratch / "copy.img"});
-  loops.Detach(second);
-  MustRun({"mount", "-o", "degraded", loops.Attach(scratch / "copy.img"), "/volume2"});
-  ExpectTheKernelsFigures(measured, "/volume2");
-  MustRun({"umount", "/volume2"});
+  ExpectTheKernelsFiguresOnCopies(measured, loops, {scratch / "device1.img"}, {second}, "degraded");
 }
 
 // The generation of the last commit a device's superblock records.
@@ -630,15 +637,7 @@ TEST(SizeProviderMultiDevice, AMirrorBackFromADegradedMountWithAnOlderSuperblock
   const Measured measured = Measure(snaps);
   ASSERT_LT(SuperblockGeneration(back), SuperblockGeneration(first)) << "the mirror should have stayed behind";
   MustRun({"umount", "/volume1"});
-
-  MustRun({"cp", "--sparse=always", scratch / "device1.img", scratch / "first-copy.img"});
-  MustRun({"cp", "--sparse=always", scratch / "device0.img", scratch / "back-copy.img"});
-  loops.Detach(back);
-  loops.Detach(first);
-  MustRun({"btrfs", "device", "scan", loops.Attach(scratch / "back-copy.img")});
-  MustRun({"mount", loops.Attach(scratch / "first-copy.img"), "/volume2"});
-  ExpectTheKernelsFigures(measured, "/volume2");
-  MustRun({"umount", "/volume2"});
+  ExpectTheKernelsFiguresOnCopies(measured, loops, {scratch / "device0.img", scratch / "device1.img"}, {back, first}, "");
 }
 
 TEST(SizeProviderMultiDevice, DegradedRaid5RebuildsTheBlocksOfItsMissingDeviceFromParityAndGivesTheKernelsFigures) {
@@ -650,16 +649,8 @@ TEST(SizeProviderMultiDevice, DegradedRaid5RebuildsTheBlocksOfItsMissingDeviceFr
   MustRun({"mount", "-o", "degraded,ro", devices[1], "/volume1"});
   const Measured measured = Measure(data.snapshots);
   MustRun({"umount", "/volume1"});
-
-  for (int i : {1, 2}) {
-    MustRun({"cp", "--sparse=always", scratch / ("device" + std::to_string(i) + ".img"),
-             scratch / ("copy" + std::to_string(i) + ".img")});
-    loops.Detach(devices[i]);
-  }
-  MustRun({"btrfs", "device", "scan", loops.Attach(scratch / "copy1.img")});
-  MustRun({"mount", "-o", "degraded", loops.Attach(scratch / "copy2.img"), "/volume2"});
-  ExpectTheKernelsFigures(measured, "/volume2");
-  MustRun({"umount", "/volume2"});
+  ExpectTheKernelsFiguresOnCopies(measured, loops, {scratch / "device1.img", scratch / "device2.img"},
+                                  {devices[1], devices[2]}, "degraded");
 }
 
 TEST(SizeProviderMultiDevice, Raid6ReadsWithOneDeviceMissingAndSaysPlainlyWhatItCannotRebuildWithTwo) {
