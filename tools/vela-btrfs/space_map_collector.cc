@@ -11,8 +11,8 @@ namespace vela::btrfs {
 
 namespace {
 
-// A path deeper than this is a loop in damaged metadata: the file system
-// limits paths to 4096 bytes, so to at most 2048 directories.
+// A chain of parents longer than this is taken for a loop in damaged
+// metadata: real trees nest far less deep.
 constexpr int kMaxPathDepth = 4096;
 
 bool IsZero(const std::array<uint8_t, 16>& uuid) {

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "vela/space_map.h"
+
 namespace vela::btrfs {
 
 struct SubvolumeSizeRequest {
@@ -20,7 +22,7 @@ struct SubvolumeSizeRequest {
   // --space-map: where the calculation's space map goes; none when empty.
   std::string spaceMap;
   // --space-map-file-rows: signature-file rows the map keeps at most.
-  uint64_t spaceMapFileRows = 1000000;
+  uint64_t spaceMapFileRows = space_map::kDefaultFileRowLimit;
   std::string mountPath;   // with -r
   std::vector<std::string> operands;  // subvolume paths, or root IDs with -r
 };
