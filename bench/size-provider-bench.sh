@@ -27,6 +27,14 @@
 #   COLD=0             1: also time every command with cold caches
 #                      (drops the machine's page cache before each run)
 #   VELA_BTRFS=...     the provider (default: the build tree's)
+#   QUERY_BENCH=...    the space map's query timer (default: the build tree's
+#                      bench/space-map-query-bench)
+#   QUERY_RUNS=200     questions of each kind it times
+#
+# The churn and scale scenarios also time the provider writing the space
+# map (--space-map), alternating with runs without it so that the machine's
+# other load falls on both alike, and print the map's size, the provider's
+# peak memory with it, and how fast the map answers.
 #   TMPDIR             where the sparse images go (default /var/tmp)
 set -euo pipefail
 
@@ -44,6 +52,8 @@ SLOW_RUNS=${SLOW_RUNS:-1}
 DU_TIMEOUT=${DU_TIMEOUT:-0}
 COLD=${COLD:-0}
 VELA_BTRFS=${VELA_BTRFS:-$here/../build/tools/vela-btrfs/vela-btrfs}
+QUERY_BENCH=${QUERY_BENCH:-$here/../build/bench/space-map-query-bench}
+QUERY_RUNS=${QUERY_RUNS:-200}
 # Changes with every change of how the scale image is built.
 SCALE_BUILDER_VERSION=1
 
@@ -59,10 +69,15 @@ if [ ! -x "$VELA_BTRFS" ]; then
   exit 1
 fi
 VELA_BTRFS=$(readlink -f "$VELA_BTRFS")
+if [ ! -x "$QUERY_BENCH" ]; then
+  echo "size-provider-bench: no space map query timer at $QUERY_BENCH (build it, or set QUERY_BENCH)" >&2
+  exit 1
+fi
+QUERY_BENCH=$(readlink -f "$QUERY_BENCH")
 
 # Mounts made from here on stay in a namespace of this run.
 if [ -z "${VELA_BENCH_PRIVATE:-}" ]; then
-  exec env VELA_BENCH_PRIVATE=1 VELA_BTRFS="$VELA_BTRFS" unshare --mount --propagation private bash "$0" "$@"
+  exec env VELA_BENCH_PRIVATE=1 VELA_BTRFS="$VELA_BTRFS" QUERY_BENCH="$QUERY_BENCH" unshare --mount --propagation private bash "$0" "$@"
 fi
 
 work=$(mktemp -d "${TMPDIR:-/var/tmp}/vela-bench.XXXXXX")
@@ -120,7 +135,7 @@ ratio() {
   awk -v a="$1" -v b="$2" 'BEGIN { if (b > 0) printf "%.1f", a / b; else print "inf" }'
 }
 
-peak_rss_kib() {  # SUBVOLUME...: the provider's "Maximum resident set size"
+peak_rss_kib() {  # [--space-map FILE] SUBVOLUME...: the provider's "Maximum resident set size"
   /usr/bin/time -v -o "$work/time.txt" "$VELA_BTRFS" subvolume size -vpm "$@" >/dev/null
   awk -F': ' '/Maximum resident set size/ { print $2 }' "$work/time.txt"
 }
@@ -128,6 +143,7 @@ peak_rss_kib() {  # SUBVOLUME...: the provider's "Maximum resident set size"
 mib() { awk -v k="$1" 'BEGIN { printf "%.1f", k / 1024 }'; }
 
 provider() { "$VELA_BTRFS" subvolume size -vpm "$@"; }
+provider_map() { "$VELA_BTRFS" subvolume size -vpm --space-map "$work/map.db" "$@"; }
 du_snapshots() { btrfs filesystem du -s "$@"; }
 
 report() {  # LABEL SECONDS...
@@ -139,10 +155,39 @@ report() {  # LABEL SECONDS...
 modes=("warm 0")
 [ "$COLD" = 1 ] && modes+=("cold 1")
 
+# time_provider COLD COUNT LABEL SUBVOLUME...: times the provider without
+# and with the space map, in turn; sets provider_s[mode] and map_s[mode]
+# (medians) for the mode named by LABEL, prints both and their ratio.
+time_provider() {
+  local cold=$1 count=$2 label=$3 i plain=() mapped=()
+  shift 3
+  for ((i = 0; i < count; i++)); do
+    # shellcheck disable=SC2207
+    plain+=($(time_runs "$cold" 1 true provider "$@"))
+    # shellcheck disable=SC2207
+    mapped+=($(time_runs "$cold" 1 true provider_map "$@"))
+  done
+  report "provider -vpm ($label)" "${plain[@]}"
+  report "provider -vpm --space-map ($label)" "${mapped[@]}"
+  provider_s[$label]=$(median "${plain[@]}")
+  map_s[$label]=$(median "${mapped[@]}")
+  echo "  with the space map / without ($label): $(ratio "${map_s[$label]}" "${provider_s[$label]}")"
+}
+
+# space_map_figures SUBVOLUME...: the map's size, the provider's peak memory
+# writing it, and the query timer on it.
+space_map_figures() {
+  local kib
+  kib=$(peak_rss_kib --space-map "$work/map.db" "$@")
+  echo "  space map: $(stat -c %s "$work/map.db") bytes, $(mib "$kib") MiB peak memory writing it;" \
+       "its answers, each on a freshly opened map:"
+  "$QUERY_BENCH" "$work/map.db" "$QUERY_RUNS"
+}
+
 # rescan_on_copy IMAGE COUNT LABEL: times the kernel's rescan on a byte copy,
 # so that the original stays without quotas; sets rescan_s[warm|cold]. Each
 # run starts from quotas off: enabling starts the rescan.
-declare -A provider_s du_s rescan_s
+declare -A provider_s map_s du_s rescan_s
 rescan_on_copy() {
   local image=$1 count=$2 label=$3 name cold t
   cp --sparse=always "$image" "$work/copy.img"
@@ -162,6 +207,7 @@ rescan_on_copy() {
   for mode in "${modes[@]}"; do
     read -r name cold <<<"$mode"
     echo "  ratios $label ($name): rescan/provider $(ratio "${rescan_s[$name]}" "${provider_s[$name]}")" \
+         "  rescan/provider with the space map $(ratio "${rescan_s[$name]}" "${map_s[$name]}")" \
          "  du/provider $(ratio "${du_s[$name]}" "${provider_s[$name]}")"
   done
 }
@@ -213,16 +259,14 @@ scenario_churn() {
 
   for mode in "${modes[@]}"; do
     read -r name cold <<<"$mode"
-    # shellcheck disable=SC2207
-    t=($(time_runs "$cold" "$RUNS" true provider "${snaps[@]}"))
-    report "provider -vpm ($name)" "${t[@]}"
-    provider_s[$name]=$(median "${t[@]}")
+    time_provider "$cold" "$RUNS" "$name" "${snaps[@]}"
     # shellcheck disable=SC2207
     t=($(time_runs "$cold" "$RUNS" true du_snapshots "${snaps[@]}"))
     report "btrfs filesystem du -s ($name)" "${t[@]}"
     du_s[$name]=$(median "${t[@]}")
   done
   echo "  provider peak memory: $(mib "$(peak_rss_kib "${snaps[@]}")") MiB (maximum resident set size)"
+  space_map_figures "${snaps[@]}"
   "$VELA_BTRFS" subvolume size -vpm "${snaps[@]}" >"$work/figures.txt"
   echo "  tree blocks walked: $(grep '^processed' "$work/figures.txt" | tail -1 | cut -d' ' -f2) bytes;" \
        "deleting all snapshots frees: $(tail -1 "$work/figures.txt" | cut -d' ' -f2) bytes"
@@ -332,27 +376,38 @@ populate_scale() {
   btrfs filesystem sync "$M"
 }
 
-# Builds the scale image at $1 unless it is there, with its extent counts
-# (data extents, tree blocks) in $1.extents.
+# Extents as the file system counts them: the data extent and tree block
+# items in the leaves of its extent tree. The key pointers of its nodes print
+# the same keys and are no extents.
+count_extents() {  # IMAGE: prints "DATA_EXTENTS TREE_BLOCKS"
+  btrfs inspect-internal dump-tree -t extent "$1" |
+    awk '/^\titem [0-9]+ key \([0-9]+ EXTENT_ITEM / { d++ }
+         /^\titem [0-9]+ key \([0-9]+ METADATA_ITEM / { m++ }
+         END { print d + 0, m + 0 }'
+}
+
+# Builds the scale image at $1 unless it is there, with its extent counts in
+# $1.extent-items (an older ".extents" file beside it counted node keys too,
+# and is replaced).
 ensure_scale_image() {
   local image=$1
-  [ -f "$image" ] && [ -f "$image.extents" ] && return 0
-  echo "  building $image (once; later runs reuse it)"
-  mkdir -p "$SCALE_CACHE"
-  local partial=$image.partial build_start
-  build_start=$(date +%s)
-  rm -f "$partial"
-  new_volume "$partial" "$work/build" 64G
-  populate_scale "$work/build"
-  umount "$work/build"
-  # Extents as the file system counts them: its extent tree's data extent
-  # and tree block items.
-  btrfs inspect-internal dump-tree -t extent "$partial" |
-    awk '/key \([0-9]+ EXTENT_ITEM / { d++ } /key \([0-9]+ METADATA_ITEM / { m++ } END { print d + 0, m + 0 }' \
-    >"$partial.extents"
-  mv "$partial.extents" "$image.extents"
-  mv "$partial" "$image"
-  echo "  built in $(($(date +%s) - build_start)) s"
+  if [ ! -f "$image" ]; then
+    echo "  building $image (once; later runs reuse it)"
+    mkdir -p "$SCALE_CACHE"
+    local partial=$image.partial build_start
+    build_start=$(date +%s)
+    rm -f "$partial"
+    new_volume "$partial" "$work/build" 64G
+    populate_scale "$work/build"
+    umount "$work/build"
+    mv "$partial" "$image"
+    echo "  built in $(($(date +%s) - build_start)) s"
+  fi
+  if [ ! -f "$image.extent-items" ]; then
+    count_extents "$image" >"$image.extent-items.partial"
+    mv "$image.extent-items.partial" "$image.extent-items"
+    rm -f "$image.extents"
+  fi
 }
 
 # du over every snapshot of a million files, stopped after DU_TIMEOUT.
@@ -369,7 +424,7 @@ scenario_scale() {
   local image=$SCALE_CACHE/scale-v$SCALE_BUILDER_VERSION-f$SCALE_FILES-s$SCALE_SNAPSHOTS.img
   ensure_scale_image "$image"
   local X=$work/scale s name cold t data_extents tree_blocks
-  read -r data_extents tree_blocks <"$image.extents"
+  read -r data_extents tree_blocks <"$image.extent-items"
   mkdir -p "$X"
   mount -o ro,loop "$image" "$X"
   mounts+=("$X")
@@ -379,10 +434,7 @@ scenario_scale() {
        "$(btrfs filesystem df "$X" | grep -i metadata | tr '\n' ' ')"
   for mode in "${modes[@]}"; do
     read -r name cold <<<"$mode"
-    # shellcheck disable=SC2207
-    t=($(time_runs "$cold" "$RUNS" true provider "${snaps[@]}"))
-    report "provider -vpm ($name)" "${t[@]}"
-    provider_s[$name]=$(median "${t[@]}")
+    time_provider "$cold" "$RUNS" "$name" "${snaps[@]}"
     rm -f "$work/du-stopped"
     # shellcheck disable=SC2207
     t=($(time_runs "$cold" "$SLOW_RUNS" true du_limited "${snaps[@]}"))
@@ -394,6 +446,7 @@ scenario_scale() {
   peak_one=$(peak_rss_kib "${snaps[0]}")
   echo "  provider peak memory: $(mib "$peak_all") MiB for $SCALE_SNAPSHOTS snapshots, $(mib "$peak_one") MiB for 1;" \
        "$(awk -v k="$peak_all" -v e="$extents" 'BEGIN { printf "%.1f", k * 1024 / e }') bytes per extent"
+  space_map_figures "${snaps[@]}"
   "$VELA_BTRFS" subvolume size -vpm "${snaps[@]}" >"$work/figures.txt"
   echo "  tree blocks walked: $(grep '^processed' "$work/figures.txt" | tail -1 | cut -d' ' -f2) bytes;" \
        "deleting all snapshots frees: $(tail -1 "$work/figures.txt" | cut -d' ' -f2) bytes"

@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
 # Remakes the seed inputs in fuzz/corpus/ from small real file systems with
 # 4 KiB nodes: files of every extent kind with snapshots between changes,
-# and chunk trees of striped and mirrored layouts. Needs root (loop mounts,
-# in a private mount namespace) and the fuzz build (scripts/fuzz.sh makes
-# it). Run it when the input layout of a fuzz target changes.
+# their space maps, and chunk trees of striped and mirrored layouts. Needs
+# root (loop mounts, in a private mount namespace), the fuzz build
+# (scripts/fuzz.sh makes it) and the size provider of the normal build. Run
+# it when the input layout of a fuzz target changes.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 maker=${MAKER:-$here/../build-fuzz/fuzz/fuzz_seed_maker}
+provider=${PROVIDER:-$here/../build/tools/vela-btrfs/vela-btrfs}
 if [ -z "${VELA_SEEDS_PRIVATE:-}" ]; then
   exec env VELA_SEEDS_PRIVATE=1 unshare --mount --propagation private bash "$0" "$@"
 fi
@@ -14,7 +16,8 @@ work=$(mktemp -d /var/tmp/vela-seeds.XXXXXX)
 trap 'umount "$work/m" 2>/dev/null || true; rm -rf "$work"' EXIT
 whole=$here/corpus/usage_walker_fuzzer
 blocks=$here/corpus/tree_block_fuzzer
-mkdir -p "$whole" "$blocks" "$work/m"
+maps=$here/corpus/space_map_fuzzer
+mkdir -p "$whole" "$blocks" "$maps" "$work/m"
 
 # new_fs NAME FILES CHANGES: a share of FILES files, snapshots between
 # CHANGES rounds of changes, a writable snapshot of the first, and data
@@ -38,6 +41,8 @@ new_fs() {
     cp --reflink=always "$M/share/data" "$M/share/copy$r"
   done
   btrfs -q subvolume snapshot "$M/s1" "$M/restored"
+  # The space map of the snapshots, with the copy of the first among them.
+  "$provider" subvolume size -m --space-map "$maps/$name" "$M"/s* "$M/restored" >/dev/null
   umount "$M"
   "$maker" "$whole/$name" "$blocks" "$work/$name.img"
 }

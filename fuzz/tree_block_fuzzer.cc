@@ -1,6 +1,7 @@
 // Fuzz target: one tree block through the size provider's checks and
 // parsers: header and item table checks, child pointers, root items, file
-// extent items, and chunk items with the address arithmetic they drive.
+// extent items, and chunk items with the address arithmetic they drive
+// (copies, and the sources that rebuild a block from parity).
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -28,6 +29,9 @@ void ParseChunk(const TreeBlock::Item& item) {
   const uint64_t inside = item.key.offset + ((length / 2) & ~uint64_t{InMemoryImage::kNodeSize - 1});
   gSink = gSink + chunks.ContiguousFrom(inside);
   for (const auto& copy : chunks.Locate(inside, InMemoryImage::kNodeSize)) gSink = gSink + copy.devid + copy.physical;
+  for (const auto& source : chunks.ParitySources(inside, InMemoryImage::kNodeSize)) {
+    gSink = gSink + source.devid + source.physical;
+  }
 }
 
 void Parse(const TreeBlock& block) {

@@ -150,22 +150,39 @@ std::map<std::string, Qgroup> ReadQgroups(const std::string& mount) {
   return groups;
 }
 
-std::map<std::string, Qgroup> QuotaGroupsOfPrefixes(const std::string& mount,
-                                                    const std::vector<std::vector<uint64_t>>& orders) {
+namespace {
+
+// Groups "L/k" holding the subvolumes of each set, by name, then the rescan.
+std::map<std::string, Qgroup> QuotaGroups(const std::string& mount,
+                                          const std::map<std::string, std::vector<uint64_t>>& groups) {
   MustRun({"btrfs", "quota", "enable", mount});
   MustRun({"btrfs", "quota", "rescan", "-W", mount});
-  for (size_t level = 1; level <= orders.size(); ++level) {
-    const std::vector<uint64_t>& ids = orders[level - 1];
-    for (size_t k = 1; k <= ids.size(); ++k) {
-      const std::string group = std::to_string(level) + "/" + std::to_string(k);
-      MustRun({"btrfs", "qgroup", "create", group, mount});
-      for (size_t j = 0; j < k; ++j) {
-        MustRun({"btrfs", "qgroup", "assign", "--no-rescan", "0/" + std::to_string(ids[j]), group, mount});
-      }
-    }
+  for (const auto& [group, ids] : groups) {
+    MustRun({"btrfs", "qgroup", "create", group, mount});
+    for (uint64_t id : ids) MustRun({"btrfs", "qgroup", "assign", "--no-rescan", "0/" + std::to_string(id), group, mount});
   }
   MustRun({"btrfs", "quota", "rescan", "-w", mount});
   return ReadQgroups(mount);
+}
+
+}  // namespace
+
+std::map<std::string, Qgroup> QuotaGroupsOfPrefixes(const std::string& mount,
+                                                    const std::vector<std::vector<uint64_t>>& orders) {
+  std::map<std::string, std::vector<uint64_t>> groups;
+  for (size_t level = 1; level <= orders.size(); ++level) {
+    const std::vector<uint64_t>& ids = orders[level - 1];
+    for (size_t k = 1; k <= ids.size(); ++k) {
+      groups[std::to_string(level) + "/" + std::to_string(k)].assign(ids.begin(), ids.begin() + k);
+    }
+  }
+  return QuotaGroups(mount, groups);
+}
+
+std::map<std::string, Qgroup> QuotaGroupsOfSets(const std::string& mount, const std::vector<std::vector<uint64_t>>& sets) {
+  std::map<std::string, std::vector<uint64_t>> groups;
+  for (size_t k = 1; k <= sets.size(); ++k) groups["1/" + std::to_string(k)] = sets[k - 1];
+  return QuotaGroups(mount, groups);
 }
 
 LoopDevices::~LoopDevices() {

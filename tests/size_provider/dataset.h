@@ -53,6 +53,8 @@ std::map<std::string, Qgroup> ReadQgroups(const std::string& mount);
 // them together frees.
 std::map<std::string, Qgroup> QuotaGroupsOfPrefixes(const std::string& mount,
                                                     const std::vector<std::vector<uint64_t>>& orders);
+// The same with a level 1 group "1/k" for the k-th (1-based) of `sets`.
+std::map<std::string, Qgroup> QuotaGroupsOfSets(const std::string& mount, const std::vector<std::vector<uint64_t>>& sets);
 
 // Loop devices over image files, for file systems of several devices. Each
 // is forgotten by the kernel's list of btrfs devices and detached on

@@ -16,6 +16,7 @@
 #include <functional>
 #include <map>
 #include <numeric>
+#include <random>
 #include <set>
 #include <sstream>
 
@@ -25,6 +26,7 @@
 #include "support/command.h"
 #include "support/fork_child.h"
 #include "support/scratch_dir.h"
+#include "vela/space_map.h"
 
 namespace vela::test {
 namespace {
@@ -48,6 +50,35 @@ CommandResult ThrottledProvider(const ReadThrottle& throttle, const std::vector<
                                    "throttled", throttle.Procs(), kProvider};
   argv.insert(argv.end(), args.begin(), args.end());
   return RunCommand(argv);
+}
+
+// The provider writing into a pipe whose reader has gone, with SIGPIPE at
+// its default action as a shell pipeline leaves it (the test process ignores
+// it, and children would inherit that): its status and standard error.
+CommandResult ProviderIntoAClosedPipe(const std::vector<std::string>& args) {
+  ScratchDir scratch;
+  const std::string errPath = scratch / "err";
+  int out[2];
+  if (pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe2 failed");
+  close(out[0]);
+  std::vector<std::string> argv = {kProvider};
+  argv.insert(argv.end(), args.begin(), args.end());
+  const pid_t pid = fork();
+  if (pid == 0) {
+    signal(SIGPIPE, SIG_DFL);
+    const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (err < 0 || dup2(out[1], 1) < 0 || dup2(err, 2) < 0) _exit(126);
+    std::vector<char*> pointers;
+    for (auto& a : argv) pointers.push_back(a.data());
+    pointers.push_back(nullptr);
+    execv(pointers[0], pointers.data());
+    _exit(127);
+  }
+  close(out[1]);
+  CommandResult run;
+  run.status = WaitForExit(pid, 120000);
+  run.err = ReadFile(errPath);
+  return run;
 }
 
 std::vector<std::string> SizeArgs(std::vector<std::string> flags, const std::vector<std::string>& subvolumes) {
@@ -161,11 +192,25 @@ std::vector<uint64_t> RootIds(const std::vector<std::string>& paths) {
   return ids;
 }
 
+unsigned Occurrences(const std::string& text, const std::string& word) {
+  unsigned count = 0;
+  for (size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + 1)) ++count;
+  return count;
+}
+
 std::vector<uint64_t> RunningSums(const std::vector<uint64_t>& figures) {
   std::vector<uint64_t> sums;
   uint64_t sum = 0;
   for (uint64_t figure : figures) sums.push_back(sum += figure);
   return sums;
+}
+
+// An open space map; fails the test when it does not open.
+std::unique_ptr<space_map::SpaceMap> OpenMap(const std::string& path) {
+  std::unique_ptr<space_map::SpaceMap> map;
+  std::string error;
+  EXPECT_EQ(space_map::Status::kOk, space_map::SpaceMap::Open(path, &map, &error)) << error;
+  return map;
 }
 
 // A file held open: while it is, a deleted subvolume holding it waits for
@@ -312,6 +357,131 @@ INSTANTIATE_TEST_SUITE_P(
     [](const testing::TestParamInfo<Layout>& info) { return std::string(info.param.name); });
 
 // ---------------------------------------------------------------------------
+// The space map, from the same reading as the figures.
+
+// After the churn's eight snapshots: a nested subvolume holding a reflink of
+// the share's data, with a snapshot of its own; then s9 with a file that
+// only it keeps and one that moves to another directory before s10 and is
+// gone by s11.
+constexpr char kMoreShapesScript[] = R"sh(set -eu
+S=$1/share
+N=$1/@snapshots/share
+btrfs -q subvolume create "$S/nested"
+head -c 400000 /dev/urandom > "$S/nested/inner"
+cp --reflink=always "$S/big4" "$S/nested/big4-link"
+btrfs -q subvolume snapshot -r "$S/nested" "$N/nested-1"
+mkdir -p "$S/dir1" "$S/dir2"
+head -c 512000 /dev/urandom > "$S/dir1/moving"
+head -c 300000 /dev/urandom > "$S/solo"
+btrfs -q subvolume snapshot -r "$S" "$N/s9"
+rm "$S/solo"
+mv "$S/dir1/moving" "$S/dir2/moved"
+btrfs -q subvolume snapshot -r "$S" "$N/s10"
+rm "$S/dir2/moved"
+btrfs -q subvolume snapshot -r "$S" "$N/s11"
+btrfs filesystem sync "$1"
+)sh";
+
+std::vector<std::string> WithoutProgressDone(const std::string& out) {
+  std::vector<std::string> lines;
+  std::istringstream in(out);
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind("processed ", 0) != 0) lines.push_back(line);  // printed as time goes by
+  }
+  return lines;
+}
+
+TEST(SizeProviderSpaceMap, AnySetFreesWhatTheKernelsQuotaGroupOfItSaysAndTheFilesBehindItAreNamed) {
+  BtrfsImage volume("/volume1", 512ull << 20);
+  const ChurnDataset data = BuildChurnDataset("/volume1", 1500);
+  MustRun({"sh", "-c", kMoreShapesScript, "shapes", "/volume1"});
+  std::vector<std::string> order = data.snapshots;
+  for (const char* name : {"s9", "s10", "s11", "nested-1"}) order.push_back("/volume1/@snapshots/share/" + std::string(name));
+  const std::vector<uint64_t> ids = RootIds(order);
+  const size_t s9 = 8, s10 = 9;
+
+  // The lines printed are the same with the map as without it.
+  ScratchDir scratch;
+  const std::string map = scratch / "map", limited = scratch / "limited";
+  const CommandResult plain = Provider(SizeArgs({"-vm"}, order));
+  const CommandResult mapped = Provider(SizeArgs({"-vm", "--space-map", map}, order));
+  EXPECT_EQ(0, mapped.status) << mapped.err;
+  EXPECT_EQ(plain.out, mapped.out);
+  EXPECT_EQ(WithoutProgressDone(Provider(SizeArgs({"-vpm"}, order)).out),
+            WithoutProgressDone(Provider(SizeArgs({"-vpm", "--space-map=" + limited, "--space-map-file-rows", "1"}, order)).out));
+  const Output marginal = Figures(plain);
+  const auto reader = OpenMap(map);
+  const auto limitedReader = OpenMap(limited);
+  ASSERT_TRUE(reader && limitedReader);
+  ASSERT_EQ(ids, reader->RootIds());
+  const auto rows = reader->Snapshots();
+  const auto sums = RunningSums(marginal.Bytes());
+
+  // Random sets of the snapshots, not only prefixes; the pairs of
+  // neighbours for what each adds to the one before it; all.
+  std::mt19937 random(5);
+  std::vector<std::vector<uint64_t>> sets;
+  for (int k = 0; k < 12; ++k) {
+    std::vector<uint64_t> set;
+    for (uint64_t id : ids) {
+      if (random() % 3 == 0) set.push_back(id);
+    }
+    if (!set.empty()) sets.push_back(set);
+  }
+  const size_t firstPair = sets.size();
+  for (size_t i = 1; i < ids.size(); ++i) sets.push_back({ids[i - 1], ids[i]});
+  sets.push_back(ids);
+
+  // Files of known sets: what only s9 keeps; the moved file with the
+  // newest path of the set holding it; all of them with one row kept.
+  const auto top = [](const space_map::SpaceMap& m, const std::vector<uint64_t>& set) {
+    space_map::Freed freed;
+    std::string error;
+    EXPECT_EQ(space_map::Status::kOk, m.FreedBy(set, 20, &freed, &error)) << error;
+    return freed;
+  };
+  const auto onlyS9 = top(*reader, {ids[s9]});
+  ASSERT_FALSE(onlyS9.files.empty());
+  EXPECT_EQ("solo", onlyS9.files[0].path);
+  EXPECT_EQ(ids[s9], onlyS9.files[0].rootId);
+  EXPECT_EQ(303104u, onlyS9.files[0].bytes) << "300000 bytes in whole sectors";
+  EXPECT_GE(onlyS9.dataBytes, 303104u);
+  const auto both = top(*reader, {ids[s10], ids[s9]});
+  ASSERT_GE(both.files.size(), 2u);
+  EXPECT_EQ("dir2/moved", both.files[0].path) << "named as s10 sees it";
+  EXPECT_EQ(ids[s10], both.files[0].rootId);
+  EXPECT_EQ(512000u, both.files[0].bytes);
+  EXPECT_EQ("solo", both.files[1].path);
+  EXPECT_TRUE(both.filesComplete);
+  const auto all = top(*reader, ids);
+  const auto allLimited = top(*limitedReader, ids);
+  EXPECT_EQ(all.freedBytes, allLimited.freedBytes) << "the signatures stay exact";
+  EXPECT_FALSE(allLimited.filesComplete);
+  ASSERT_EQ(1u, allLimited.files.size());
+  ASSERT_GE(all.files.size(), 2u) << "one row kept is fewer than all";
+  EXPECT_EQ(all.files[0].path, allLimited.files[0].path) << "the largest row is kept";
+
+  volume.Unmount();
+  MountedCopy copy(volume.ImagePath(), scratch / "copy.img", "/volume2");
+  const auto groups = QuotaGroupsOfSets("/volume2", sets);
+  for (size_t i = 0; i < ids.size(); ++i) {
+    SCOPED_TRACE(order[i]);
+    EXPECT_EQ(groups.at("0/" + std::to_string(ids[i])).exclusive, rows[i].aloneBytes);
+    EXPECT_EQ(sums[i], rows[i].accumBytes);
+    const uint64_t added = i == 0 ? groups.at("0/" + std::to_string(ids[0])).referenced
+                                  : groups.at("1/" + std::to_string(firstPair + i)).referenced -
+                                        groups.at("0/" + std::to_string(ids[i - 1])).referenced;
+    EXPECT_EQ(added, rows[i].addedBytes);
+  }
+  for (size_t k = 0; k < sets.size(); ++k) {
+    SCOPED_TRACE("set " + testing::PrintToString(sets[k]));
+    const space_map::Freed freed = top(*reader, sets[k]);
+    EXPECT_EQ(groups.at("1/" + std::to_string(k + 1)).exclusive, freed.freedBytes);
+    EXPECT_EQ(freed.freedBytes, top(*limitedReader, sets[k]).freedBytes);
+  }
+}
+
+// ---------------------------------------------------------------------------
 // File systems of several devices: a sprout of a seed, and RAID1 with a
 // device missing. Figures on the mounted file system, then the kernel's
 // quota groups on byte copies of what is left of its devices.
@@ -319,24 +489,52 @@ INSTANTIATE_TEST_SUITE_P(
 struct Measured {
   std::vector<uint64_t> ids;
   Output exclusive, marginal;  // marginal in the given order
+  std::vector<space_map::SnapshotBytes> map;  // the space map of the marginal run
 };
 
 Measured Measure(const std::vector<std::string>& snapshots) {
+  ScratchDir scratch;
   Measured m{RootIds(snapshots), Figures(Provider(SizeArgs({"-v"}, snapshots))),
-             Figures(Provider(SizeArgs({"-vpm"}, snapshots)))};
+             Figures(Provider(SizeArgs({"-vpm", "--space-map", scratch / "map"}, snapshots))), {}};
   EXPECT_EQ(m.ids, m.exclusive.Ids());
   EXPECT_EQ(m.ids, m.marginal.Ids());
+  if (const auto map = OpenMap(scratch / "map")) m.map = map->Snapshots();
   return m;
 }
 
 void ExpectTheKernelsFigures(const Measured& m, const std::string& mount) {
   const auto groups = QuotaGroupsOfPrefixes(mount, {m.ids});
-  if (m.exclusive.subvols.size() != m.ids.size() || m.marginal.subvols.size() != m.ids.size()) return;
+  if (m.exclusive.subvols.size() != m.ids.size() || m.marginal.subvols.size() != m.ids.size() ||
+      m.map.size() != m.ids.size()) {
+    return;
+  }
   const auto sums = RunningSums(m.marginal.Bytes());
   for (size_t i = 0; i < m.ids.size(); ++i) {
-    EXPECT_EQ(groups.at("0/" + std::to_string(m.ids[i])).exclusive, m.exclusive.Bytes()[i]) << "subvolume " << m.ids[i];
-    EXPECT_EQ(groups.at("1/" + std::to_string(i + 1)).exclusive, sums[i]) << "the first " << i + 1;
+    const Qgroup& alone = groups.at("0/" + std::to_string(m.ids[i]));
+    const Qgroup& first = groups.at("1/" + std::to_string(i + 1));
+    EXPECT_EQ(alone.exclusive, m.exclusive.Bytes()[i]) << "subvolume " << m.ids[i];
+    EXPECT_EQ(first.exclusive, sums[i]) << "the first " << i + 1;
+    EXPECT_EQ(alone.exclusive, m.map[i].aloneBytes) << "the map, subvolume " << m.ids[i];
+    EXPECT_EQ(first.exclusive, m.map[i].accumBytes) << "the map, the first " << i + 1;
   }
+}
+
+// The kernel's figures on byte copies of a file system's images: each
+// image's loop device (`devices`, in the same order) is detached, the copies
+// are attached, and that of the last image is mounted at /volume2 with
+// `options`.
+void ExpectTheKernelsFiguresOnCopies(const Measured& m, LoopDevices& loops, const std::vector<std::string>& images,
+                                     const std::vector<std::string>& devices, const std::string& options) {
+  for (size_t i = 0; i < images.size(); ++i) {
+    MustRun({"cp", "--sparse=always", images[i], images[i] + ".copy"});
+    loops.Detach(devices[i]);
+  }
+  for (size_t i = 0; i + 1 < images.size(); ++i) MustRun({"btrfs", "device", "scan", loops.Attach(images[i] + ".copy")});
+  std::vector<std::string> mount = {"mount", loops.Attach(images.back() + ".copy"), "/volume2"};
+  if (!options.empty()) mount.insert(mount.begin() + 1, {"-o", options});
+  MustRun(mount);
+  ExpectTheKernelsFigures(m, "/volume2");
+  MustRun({"umount", "/volume2"});
 }
 
 // After the churn, changes and one more snapshot, `name`: it shares data
@@ -350,6 +548,23 @@ std::string ChangeAndSnapshot(const ChurnDataset& data, const std::string& name)
   const std::string snapshot = oldest.substr(0, oldest.rfind('/') + 1) + name;
   MustRun({"btrfs", "-q", "subvolume", "snapshot", "-r", data.share, snapshot});
   return snapshot;
+}
+
+// Loop devices over `count` fresh images in `scratch`, with a btrfs of the
+// given data and metadata profile across them, the churn on it, unmounted.
+std::vector<std::string> ChurnedVolume(const ScratchDir& scratch, LoopDevices& loops, int count,
+                                       const std::string& profile, ChurnDataset* data) {
+  std::vector<std::string> devices;
+  std::vector<std::string> mkfs = {"mkfs.btrfs", "-q", "-f", "-d", profile, "-m", profile};
+  for (int i = 0; i < count; ++i) {
+    devices.push_back(loops.Attach(scratch / ("device" + std::to_string(i) + ".img"), 512ull << 20));
+    mkfs.push_back(devices.back());
+  }
+  MustRun(mkfs);
+  MustRun({"mount", devices.back(), "/volume1"});
+  *data = BuildChurnDataset("/volume1", 300);
+  MustRun({"umount", "/volume1"});
+  return devices;
 }
 
 TEST(SizeProviderMultiDevice, ASproutReadsItsSeedAndGivesTheKernelsFigures) {
@@ -370,26 +585,16 @@ TEST(SizeProviderMultiDevice, ASproutReadsItsSeedAndGivesTheKernelsFigures) {
   const Measured measured = Measure(snaps);
 
   MustRun({"umount", "/volume1"});
-  MustRun({"cp", "--sparse=always", scratch / "seed.img", scratch / "seed-copy.img"});
-  MustRun({"cp", "--sparse=always", scratch / "sprout.img", scratch / "sprout-copy.img"});
-  loops.Detach(sprout);
-  loops.Detach(seed);
-  MustRun({"btrfs", "device", "scan", loops.Attach(scratch / "seed-copy.img")});
-  MustRun({"mount", loops.Attach(scratch / "sprout-copy.img"), "/volume2"});
-  ExpectTheKernelsFigures(measured, "/volume2");
-  MustRun({"umount", "/volume2"});
+  ExpectTheKernelsFiguresOnCopies(measured, loops, {scratch / "seed.img", scratch / "sprout.img"}, {seed, sprout}, "");
 }
 
 TEST(SizeProviderMultiDevice, Raid1WithItsFirstDeviceMissingIsReadFromTheOtherAndGivesTheKernelsFigures) {
   ScratchDir scratch;
   LoopDevices loops;
-  const std::string first = loops.Attach(scratch / "first.img", 512ull << 20);
-  const std::string second = loops.Attach(scratch / "second.img", 512ull << 20);
-  MustRun({"mkfs.btrfs", "-q", "-f", "-d", "raid1", "-m", "raid1", first, second});
-  MustRun({"mount", second, "/volume1"});
-  const ChurnDataset data = BuildChurnDataset("/volume1", 300);
-  MustRun({"umount", "/volume1"});
-  loops.Detach(first);
+  ChurnDataset data;
+  const std::vector<std::string> devices = ChurnedVolume(scratch, loops, 2, "raid1", &data);
+  const std::string& second = devices[1];
+  loops.Detach(devices[0]);
   MustRun({"mount", "-o", "degraded", second, "/volume1"});
   ASSERT_NE(std::string::npos, MustRun({"btrfs", "filesystem", "show", "/volume1"}).find("MISSING"));
   std::vector<std::string> snaps = data.snapshots;
@@ -397,11 +602,81 @@ TEST(SizeProviderMultiDevice, Raid1WithItsFirstDeviceMissingIsReadFromTheOtherAn
   const Measured measured = Measure(snaps);
 
   MustRun({"umount", "/volume1"});
-  MustRun({"cp", "--sparse=always", scratch / "second.img", scratch / "copy.img"});
-  loops.Detach(second);
-  MustRun({"mount", "-o", "degraded", loops.Attach(scratch / "copy.img"), "/volume2"});
-  ExpectTheKernelsFigures(measured, "/volume2");
-  MustRun({"umount", "/volume2"});
+  ExpectTheKernelsFiguresOnCopies(measured, loops, {scratch / "device1.img"}, {second}, "degraded");
+}
+
+// The generation of the last commit a device's superblock records.
+uint64_t SuperblockGeneration(const std::string& device) {
+  std::istringstream lines(MustRun({"btrfs", "inspect-internal", "dump-super", device}));
+  std::string line;
+  while (std::getline(lines, line)) {
+    std::istringstream words(line);
+    std::string key, value;
+    if (words >> key >> value && key == "generation") return std::stoull(value);
+  }
+  throw std::runtime_error("no generation in the superblock of " + device);
+}
+
+TEST(SizeProviderMultiDevice, AMirrorBackFromADegradedMountWithAnOlderSuperblockIsReadAsTheKernelReadsIt) {
+  ScratchDir scratch;
+  LoopDevices loops;
+  ChurnDataset data;
+  const std::vector<std::string> devices = ChurnedVolume(scratch, loops, 2, "raid1", &data);
+  const std::string& first = devices[1];
+  // The other device is away while the file system is written degraded,
+  // then comes back with the superblock of an older commit.
+  loops.Detach(devices[0]);
+  MustRun({"mount", "-o", "degraded", first, "/volume1"});
+  std::vector<std::string> snaps = data.snapshots;
+  snaps.push_back(ChangeAndSnapshot(data, "degraded"));
+  MustRun({"umount", "/volume1"});
+  const std::string back = loops.Attach(scratch / "device0.img");
+  MustRun({"btrfs", "device", "scan", back});
+  // Mounted read-only nothing commits, so the mirror stays behind.
+  MustRun({"mount", "-o", "ro", first, "/volume1"});
+  const Measured measured = Measure(snaps);
+  ASSERT_LT(SuperblockGeneration(back), SuperblockGeneration(first)) << "the mirror should have stayed behind";
+  MustRun({"umount", "/volume1"});
+  ExpectTheKernelsFiguresOnCopies(measured, loops, {scratch / "device0.img", scratch / "device1.img"}, {back, first}, "");
+}
+
+TEST(SizeProviderMultiDevice, DegradedRaid5RebuildsTheBlocksOfItsMissingDeviceFromParityAndGivesTheKernelsFigures) {
+  ScratchDir scratch;
+  LoopDevices loops;
+  ChurnDataset data;
+  const std::vector<std::string> devices = ChurnedVolume(scratch, loops, 3, "raid5", &data);
+  loops.Detach(devices[0]);
+  MustRun({"mount", "-o", "degraded,ro", devices[1], "/volume1"});
+  const Measured measured = Measure(data.snapshots);
+  MustRun({"umount", "/volume1"});
+  ExpectTheKernelsFiguresOnCopies(measured, loops, {scratch / "device1.img", scratch / "device2.img"},
+                                  {devices[1], devices[2]}, "degraded");
+}
+
+TEST(SizeProviderMultiDevice, Raid6ReadsWithOneDeviceMissingAndSaysPlainlyWhatItCannotRebuildWithTwo) {
+  ScratchDir scratch;
+  LoopDevices loops;
+  ChurnDataset data;
+  const std::vector<std::string> devices = ChurnedVolume(scratch, loops, 4, "raid6", &data);
+  MustRun({"mount", "-o", "ro", devices[3], "/volume1"});
+  const Output whole = Figures(Provider(SizeArgs({"-vm"}, data.snapshots)));
+  MustRun({"umount", "/volume1"});
+
+  loops.Detach(devices[0]);
+  MustRun({"mount", "-o", "degraded,ro", devices[3], "/volume1"});
+  EXPECT_EQ(whole.subvols, Figures(Provider(SizeArgs({"-vm"}, data.snapshots))).subvols);
+  MustRun({"umount", "/volume1"});
+
+  // With two devices gone, blocks whose data stripe and P stripe are both
+  // missing would need the second parity, which this program does not use.
+  loops.Detach(devices[1]);
+  MustRun({"mount", "-o", "degraded,ro", devices[3], "/volume1"});
+  const CommandResult run = Provider(SizeArgs({"-vm"}, data.snapshots));
+  MustRun({"umount", "/volume1"});
+  EXPECT_EQ(1, run.status) << run.err;
+  EXPECT_EQ("", run.out);
+  EXPECT_NE(std::string::npos, run.err.find("cannot be read: it lies on missing device")) << run.err;
+  EXPECT_EQ(std::string::npos, run.err.find("bad tree block")) << run.err;
 }
 
 // ---------------------------------------------------------------------------
@@ -442,20 +717,18 @@ TEST(SizeProviderBusy, SnapshotsTakenAndDeletedAllTheTimeFailNoRunAndADeadlineEn
   // Reads slowed so that a reading lasts about as long as the churn takes
   // to move on: many are overtaken. VELA_BUSY_RUNS asks for more runs.
   const int runs = getenv("VELA_BUSY_RUNS") != nullptr ? atoi(getenv("VELA_BUSY_RUNS")) : 20;
-  int restarts = 0;
+  unsigned restarts = 0;
   {
     ReadThrottle throttle(LoopDevice(volume.ImagePath()), walked * 5);
     for (int run = 0; run < runs; ++run) {
       const CommandResult busy = ThrottledProvider(throttle, SizeArgs({"-vpm"}, data.snapshots));
       EXPECT_EQ(0, busy.status) << busy.err;
       EXPECT_EQ(quietOut.subvols, Parse(busy.out).subvols) << busy.err;
-      for (size_t at = busy.err.find("reading again"); at != std::string::npos; at = busy.err.find("reading again", at + 1)) {
-        ++restarts;
-      }
+      restarts += Occurrences(busy.err, "reading again");
     }
   }
   EXPECT_GT(restarts, 0) << "the churn should have overtaken some readings";
-  printf("%d runs, %d readings overtaken and started over\n", runs, restarts);
+  printf("%d runs, %u readings overtaken and started over\n", runs, restarts);
 
   // Slowed so much that the churn overtakes every reading: the run stops
   // at its deadline and says why.
@@ -466,6 +739,13 @@ TEST(SizeProviderBusy, SnapshotsTakenAndDeletedAllTheTimeFailNoRunAndADeadlineEn
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     EXPECT_EQ(3, overtaken.status) << overtaken.err;
     EXPECT_NE(std::string::npos, overtaken.err.find("the file system kept changing")) << overtaken.err;
+    // Each note promising another reading is followed by one: the readings
+    // the message counts are the notes and the last one.
+    unsigned readings = 0;
+    const size_t counted = overtaken.err.find("within 1 s (");
+    ASSERT_NE(std::string::npos, counted) << overtaken.err;
+    ASSERT_EQ(1, sscanf(overtaken.err.c_str() + counted, "within 1 s (%u reading", &readings)) << overtaken.err;
+    EXPECT_EQ(readings, Occurrences(overtaken.err, "reading again") + 1) << overtaken.err;
     const Output partial = Parse(overtaken.out);
     EXPECT_TRUE(partial.subvols.empty() && !partial.hasTotal) << overtaken.out;
     EXPECT_LT(seconds, 20) << "one reading after the deadline at most";
@@ -658,6 +938,11 @@ TEST(SizeProviderRefusals, UsageErrorsExitWithTwoAndNameWhatIsWrong) {
     ExpectRefused({"subvolume", "size", std::string("--deadline=") + seconds, "/"}, kUsage, "--deadline");
   }
   ExpectRefused({"subvolume", "size", "-v", "--deadline"}, kUsage, "--deadline");
+  ExpectRefused({"subvolume", "size", "-v", "--space-map"}, kUsage, "--space-map needs a file name");
+  ExpectRefused({"subvolume", "size", "-v", "--space-map=", "/"}, kUsage, "--space-map needs a file name");
+  for (const char* rows : {"x", "-1", "01", "4294967296"}) {
+    ExpectRefused({"subvolume", "size", "--space-map-file-rows", rows, "/"}, kUsage, "--space-map-file-rows");
+  }
 
   for (const std::vector<std::string>& help : {std::vector<std::string>{"--help"}, {"subvolume", "size", "--help"}}) {
     const CommandResult shown = Provider(help);
@@ -696,16 +981,25 @@ TEST(SizeProviderRefusals, WhatIsNoMeasurableSubvolumeOfOneBtrfsIsRefused) {
   ExpectRefused({"subvolume", "size", "-v", s1, share, s1}, kFailure, "");
   ExpectRefused({"subvolume", "size", "-v", s1, "/volume1/latest"}, kFailure, "");
   ExpectRefused({"subvolume", "size", "-vpm", "-r", "/volume1", s1Id, "5", s1Id}, kFailure, s1Id);
+  // A map that cannot be written fails the run before any figure.
+  ExpectRefused({"subvolume", "size", "-v", "--space-map", "/volume1/no-such-dir/map", s1}, kFailure,
+                "cannot write the space map /volume1/no-such-dir/map");
   umount2("/volume3", MNT_DETACH);
 
   // Output that cannot be written is no success: a full device, a closed
-  // standard output, for figures, progress and help alike.
-  for (const char* redirect : {">/dev/full", ">&-"}) {
+  // standard output, a reader that went away, for figures, progress and help
+  // alike.
+  for (const char* redirect : {">/dev/full", ">&-", "closed pipe"}) {
     for (const std::vector<std::string>& args : {SizeArgs({"-v"}, {s1}), SizeArgs({"-p"}, {s1}), {"--help"}}) {
-      std::vector<std::string> argv = {"sh", "-c", std::string("exec \"$@\" ") + redirect, "sh", kProvider};
-      argv.insert(argv.end(), args.begin(), args.end());
-      const CommandResult run = RunCommand(argv);
       SCOPED_TRACE(redirect + testing::PrintToString(args));
+      CommandResult run;
+      if (std::string(redirect) == "closed pipe") {
+        run = ProviderIntoAClosedPipe(args);
+      } else {
+        std::vector<std::string> argv = {"sh", "-c", std::string("exec \"$@\" ") + redirect, "sh", kProvider};
+        argv.insert(argv.end(), args.begin(), args.end());
+        run = RunCommand(argv);
+      }
       EXPECT_EQ(1, run.status);
       EXPECT_NE(std::string::npos, run.err.find("cannot write to standard output")) << run.err;
     }

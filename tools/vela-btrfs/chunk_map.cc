@@ -83,11 +83,7 @@ uint64_t ChunkMap::ContiguousFrom(uint64_t logical) const {
 
 std::vector<PhysicalLocation> ChunkMap::Locate(uint64_t logical, uint64_t length) const {
   uint64_t start = 0;
-  const Chunk* chunk = Find(logical, &start);
-  if (chunk == nullptr || ContiguousFrom(logical) < length) {
-    Fail(ProviderError::Kind::kBadBlock, "logical address %llu (+%llu) is not mapped to one device range",
-         static_cast<unsigned long long>(logical), static_cast<unsigned long long>(length));
-  }
+  const Chunk* chunk = FindRange(logical, length, &start);
   const uint64_t offset = logical - start;
   const auto& stripes = chunk->stripes;
   std::vector<PhysicalLocation> copies;
@@ -99,27 +95,61 @@ std::vector<PhysicalLocation> ChunkMap::Locate(uint64_t logical, uint64_t length
   const uint64_t within = offset % chunk->stripeLength;
   uint64_t row = offset / chunk->stripeLength;
   const uint64_t count = stripes.size();
+  const auto at = [&](uint64_t index, uint64_t r) {
+    return PhysicalLocation{stripes[index].devid, stripes[index].offset + r * chunk->stripeLength + within};
+  };
   if (chunk->type & BTRFS_BLOCK_GROUP_RAID0) {
     const uint64_t index = row % count;
-    row /= count;
-    copies.push_back({stripes[index].devid, stripes[index].offset + row * chunk->stripeLength + within});
+    copies.push_back(at(index, row / count));
   } else if (chunk->type & BTRFS_BLOCK_GROUP_RAID10) {
     const uint64_t groups = count / chunk->subStripes;
     const uint64_t first = (row % groups) * chunk->subStripes;
-    row /= groups;
-    for (uint64_t i = first; i < first + chunk->subStripes; ++i) {
-      copies.push_back({stripes[i].devid, stripes[i].offset + row * chunk->stripeLength + within});
-    }
+    for (uint64_t i = first; i < first + chunk->subStripes; ++i) copies.push_back(at(i, row / groups));
   } else {
     // RAID5/6: the data stripe of the row, its position rotated by the row
-    // number. Parity is not used: a bad data block is reported, not rebuilt.
-    const uint64_t dataStripes = count - static_cast<uint64_t>(ParityStripes(chunk->type));
-    const uint64_t dataIndex = row % dataStripes;
-    row /= dataStripes;
-    const uint64_t index = (row + dataIndex) % count;
-    copies.push_back({stripes[index].devid, stripes[index].offset + row * chunk->stripeLength + within});
+    // number. A block that cannot be read there is rebuilt from the rest of
+    // the row (ParitySources).
+    const RaidRow r = RowOf(*chunk, offset);
+    copies.push_back(at((r.row + r.dataIndex) % count, r.row));
   }
   return copies;
+}
+
+std::vector<PhysicalLocation> ChunkMap::ParitySources(uint64_t logical, uint64_t length) const {
+  uint64_t start = 0;
+  const Chunk* chunk = FindRange(logical, length, &start);
+  std::vector<PhysicalLocation> sources;
+  if ((chunk->type & BTRFS_BLOCK_GROUP_RAID56_MASK) == 0) return sources;
+  const uint64_t offset = logical - start;
+  const uint64_t within = offset % chunk->stripeLength;
+  const RaidRow r = RowOf(*chunk, offset);
+  const uint64_t count = chunk->stripes.size();
+  // In each row the stripes are, rotated by the row number: the data
+  // stripes in order, then P (the XOR of the data stripes), then Q.
+  for (uint64_t i = 0; i <= r.dataStripes; ++i) {
+    if (i == r.dataIndex) continue;
+    const Stripe& s = chunk->stripes[(r.row + i) % count];
+    sources.push_back({s.devid, s.offset + r.row * chunk->stripeLength + within});
+  }
+  return sources;
+}
+
+ChunkMap::RaidRow ChunkMap::RowOf(const Chunk& chunk, uint64_t offset) {
+  RaidRow r;
+  r.dataStripes = chunk.stripes.size() - static_cast<uint64_t>(ParityStripes(chunk.type));
+  const uint64_t stripeNumber = offset / chunk.stripeLength;
+  r.dataIndex = stripeNumber % r.dataStripes;
+  r.row = stripeNumber / r.dataStripes;
+  return r;
+}
+
+const ChunkMap::Chunk* ChunkMap::FindRange(uint64_t logical, uint64_t length, uint64_t* start) const {
+  const Chunk* chunk = Find(logical, start);
+  if (chunk == nullptr || ContiguousFrom(logical) < length) {
+    Fail(ProviderError::Kind::kBadBlock, "logical address %llu (+%llu) is not mapped to one device range",
+         static_cast<unsigned long long>(logical), static_cast<unsigned long long>(length));
+  }
+  return chunk;
 }
 
 }  // namespace vela::btrfs

@@ -28,6 +28,11 @@ class ChunkMap {
   // Every copy of the `length` bytes at `logical`, first copy first. The
   // range must lie in one chunk and one stripe; throws ProviderError if not.
   std::vector<PhysicalLocation> Locate(uint64_t logical, uint64_t length) const;
+  // For a range in a chunk with parity (RAID5/6): the same bytes in the
+  // other data stripes of its row and in the row's first parity stripe,
+  // whose XOR rebuilds the range. Empty for chunks without parity. The range
+  // must lie in one chunk and one stripe; throws ProviderError if not.
+  std::vector<PhysicalLocation> ParitySources(uint64_t logical, uint64_t length) const;
   // How many bytes from `logical` on lie contiguously on the devices (the
   // rest of the stripe or chunk), 0 for an unmapped address.
   uint64_t ContiguousFrom(uint64_t logical) const;
@@ -44,7 +49,17 @@ class ChunkMap {
     uint16_t subStripes;
     std::vector<Stripe> stripes;
   };
+  // A row of a RAID5/6 chunk: which full stripe, and which of its data
+  // stripes holds an offset.
+  struct RaidRow {
+    uint64_t row = 0;
+    uint64_t dataIndex = 0;
+    uint64_t dataStripes = 0;
+  };
+  static RaidRow RowOf(const Chunk& chunk, uint64_t offset);
   const Chunk* Find(uint64_t logical, uint64_t* start) const;
+  // Find() for a range that must lie in one stripe; throws if it does not.
+  const Chunk* FindRange(uint64_t logical, uint64_t length, uint64_t* start) const;
 
   std::map<uint64_t, Chunk> chunks_;
 };

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <map>
+#include <set>
 
 #include "provider_error.h"
 
@@ -45,43 +47,55 @@ const uint8_t* MetadataFsid(const uint8_t* sb) {
 
 uint64_t CommittedFileSystem::NewestCommit(const DeviceSet& devices, const uint8_t (&fsid)[kFsidSize]) {
   AlignedBuffer sb(super::kSize);
+  uint64_t newest = 0;
   for (uint64_t devid : devices.Devids()) {
     try {
       ReadSuper(devices, devid, sb);
     } catch (const ProviderError&) {
       continue;  // another device may tell
     }
-    if (IsOf(sb, fsid)) return Le64(sb.data() + super::kGeneration);
+    if (IsOf(sb, fsid)) newest = std::max(newest, Le64(sb.data() + super::kGeneration));
   }
-  return 0;
+  return newest;
 }
 
 CommittedFileSystem::CommittedFileSystem(const DeviceSet& devices, const uint8_t (&fsid)[kFsidSize])
     : devices_(devices) {
-  // The devices of the file system itself must agree on its last commit;
-  // seed devices keep the superblock of the file system they were.
+  // The newest superblock among the file system's own devices describes the
+  // last commit, as the kernel takes it. A device with an older one missed
+  // the commits since (a mirror that was away while the file system was
+  // mounted degraded, or a device whose superblock a commit in progress has
+  // not reached yet): its copies of blocks are read last, and only a copy
+  // that passes every check (above all the generation its parent records)
+  // is taken. Seed devices keep the superblock of the file system they were.
   AlignedBuffer sb(super::kSize);
-  AlignedBuffer other(super::kSize);
-  uint64_t firstDevid = 0;
+  AlignedBuffer candidate(super::kSize);
+  uint64_t newestDevid = 0;
+  std::map<uint64_t, uint64_t> generations;  // of the file system's own devices
   std::vector<std::vector<uint8_t>> blockFsids;  // the seeds', then the file system's own
   for (uint64_t devid : devices_.Devids()) {
-    AlignedBuffer& buffer = firstDevid == 0 ? sb : other;
-    ReadSuper(devices_, devid, buffer);
-    if (!IsOf(buffer, fsid)) {
-      if ((Le64(buffer.data() + super::kFlags) & super::kFlagSeeding) == 0) {
+    ReadSuper(devices_, devid, candidate);
+    if (!IsOf(candidate, fsid)) {
+      if ((Le64(candidate.data() + super::kFlags) & super::kFlagSeeding) == 0) {
         Fail(ProviderError::Kind::kBadBlock, "%s holds another file system, and not as a seed",
              devices_.Path(devid).c_str());
       }
-      const uint8_t* seedFsid = MetadataFsid(buffer.data());
+      const uint8_t* seedFsid = MetadataFsid(candidate.data());
       blockFsids.emplace_back(seedFsid, seedFsid + kFsidSize);
-    } else if (firstDevid == 0) {
-      firstDevid = devid;
-    } else if (Le64(other.data() + super::kGeneration) != Le64(sb.data() + super::kGeneration)) {
-      Fail(ProviderError::Kind::kBadBlock, "superblock of %s does not match that of %s", devices_.Path(devid).c_str(),
-           devices_.Path(firstDevid).c_str());
+      continue;
+    }
+    const uint64_t generation = Le64(candidate.data() + super::kGeneration);
+    generations[devid] = generation;
+    if (newestDevid == 0 || generation > generations[newestDevid]) {
+      newestDevid = devid;
+      memcpy(sb.data(), candidate.data(), super::kSize);
     }
   }
-  if (firstDevid == 0) Fail(ProviderError::Kind::kRefused, "no device of the file system can be read");
+  if (newestDevid == 0) Fail(ProviderError::Kind::kRefused, "no device of the file system can be read");
+  std::set<uint64_t> stale;
+  for (const auto& [devid, generation] : generations) {
+    if (generation < generations[newestDevid]) stale.insert(devid);
+  }
 
   const uint8_t* s = sb.data();
   generation_ = Le64(s + super::kGeneration);
@@ -101,6 +115,7 @@ CommittedFileSystem::CommittedFileSystem(const DeviceSet& devices, const uint8_t
   blockFsids.emplace_back(ownFsid, ownFsid + kFsidSize);
   reader_ = std::make_unique<TreeBlockReader>(devices_, chunks_, *checksum_, nodeSize_, std::move(blockFsids),
                                               generation_);
+  reader_->SetStaleDevices(std::move(stale));
 
   // The system chunks are in the superblock; they map the chunk tree, which
   // maps everything else.

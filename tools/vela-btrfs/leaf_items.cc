@@ -1,6 +1,9 @@
 #include "leaf_items.h"
 
+#include <sys/stat.h>
+
 #include <cstddef>
+#include <cstring>
 
 #include "disk_format.h"
 #include "provider_error.h"
@@ -20,8 +23,13 @@ std::optional<SubvolumeRoot> ReadSubvolumeRoot(const TreeBlock::Item& item) {
     Fail(ProviderError::Kind::kBadBlock, "root item of subvolume %llu has level %d",
          static_cast<unsigned long long>(item.key.objectid), level);
   }
-  return SubvolumeRoot{item.key.objectid, Le64(item.data + offsetof(btrfs_root_item, bytenr)),
-                       Le64(item.data + offsetof(btrfs_root_item, generation)), level};
+  SubvolumeRoot root{item.key.objectid, Le64(item.data + offsetof(btrfs_root_item, bytenr)),
+                     Le64(item.data + offsetof(btrfs_root_item, generation)), level};
+  if (item.size >= offsetof(btrfs_root_item, parent_uuid) + root.parentUuid.size()) {
+    memcpy(root.uuid.data(), item.data + offsetof(btrfs_root_item, uuid), root.uuid.size());
+    memcpy(root.parentUuid.data(), item.data + offsetof(btrfs_root_item, parent_uuid), root.parentUuid.size());
+  }
+  return root;
 }
 
 std::optional<DataExtent> ReadFileExtent(const TreeBlock::Item& item, uint32_t sectorSize) {
@@ -42,6 +50,36 @@ std::optional<DataExtent> ReadFileExtent(const TreeBlock::Item& item, uint32_t s
          static_cast<unsigned long long>(bytenr));
   }
   return DataExtent{bytenr, bytes};
+}
+
+std::optional<InodeName> ReadInodeName(const TreeBlock::Item& item) {
+  size_t header = 0;
+  uint64_t parent = 0;
+  if (item.key.type == BTRFS_INODE_REF_KEY) {
+    header = sizeof(btrfs_inode_ref);
+    parent = item.key.offset;
+  } else if (item.key.type == BTRFS_INODE_EXTREF_KEY) {
+    header = sizeof(btrfs_inode_extref);
+    if (item.size >= header) parent = Le64(item.data + offsetof(btrfs_inode_extref, parent_objectid));
+  } else {
+    return std::nullopt;
+  }
+  const size_t lengthAt = header - sizeof(uint16_t);  // name_len ends both headers
+  const uint16_t length = item.size >= header ? Le16(item.data + lengthAt) : 0;
+  if (item.size < header || length == 0 || item.size - header < length) {
+    Fail(ProviderError::Kind::kBadBlock, "inode reference of inode %llu does not fit its %u bytes",
+         static_cast<unsigned long long>(item.key.objectid), item.size);
+  }
+  return InodeName{item.key.objectid, parent, item.data + header, length};
+}
+
+std::optional<bool> ReadIsDirectory(const TreeBlock::Item& item) {
+  if (item.key.type != BTRFS_INODE_ITEM_KEY) return std::nullopt;
+  if (item.size < sizeof(btrfs_inode_item)) {
+    Fail(ProviderError::Kind::kBadBlock, "inode item of inode %llu is too short (%u bytes)",
+         static_cast<unsigned long long>(item.key.objectid), item.size);
+  }
+  return (Le32(item.data + offsetof(btrfs_inode_item, mode)) & S_IFMT) == S_IFDIR;
 }
 
 }  // namespace vela::btrfs

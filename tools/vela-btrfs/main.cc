@@ -2,6 +2,7 @@
 // runs, for btrfs file systems on plain Linux.
 #include <fcntl.h>
 #include <malloc.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -71,6 +72,9 @@ int Run(const std::vector<std::string>& args) {
 int main(int argc, char** argv) {
   using vela::btrfs::ProviderError;
   KeepStandardDescriptors();
+  // A reader that went away (`| head -1`) is a failed write like any other:
+  // status 1 with a message, not death by SIGPIPE.
+  signal(SIGPIPE, SIG_IGN);
   // Large arrays come and go as the walk merges its references; mapped and
   // unmapped on their own, they give their memory back instead of leaving
   // the heap at its highest.

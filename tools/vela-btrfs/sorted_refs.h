@@ -1,5 +1,6 @@
 // References to blocks or extents gathered from many places, kept sorted by
-// address with all references to one address folded into one. Additions
+// address (or another key) with all references to one address folded into
+// one. Additions
 // collect in a small buffer that is sorted, folded and merged in when full,
 // so memory follows the number of distinct addresses, not the number of
 // references: a leaf shared by a hundred snapshots' nodes takes one entry.
@@ -8,6 +9,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -16,9 +18,18 @@
 
 namespace vela::btrfs {
 
-// `Ref` has a member `bytenr`; `Fold` is called as fold(Ref& into, const
-// Ref& other) for two references to the same address and may throw.
-template <typename Ref, typename Fold>
+// The key references are sorted and folded by: their address.
+struct ByBytenr {
+  template <typename Ref>
+  uint64_t operator()(const Ref& ref) const {
+    return ref.bytenr;
+  }
+};
+
+// `KeyOf` gives a reference's key (by default its member `bytenr`, its
+// address); `Fold` is called as fold(Ref& into, const Ref& other) for two
+// references with the same key and may throw.
+template <typename Ref, typename Fold, typename KeyOf = ByBytenr>
 class SortedRefs {
   static_assert(std::is_trivially_copyable_v<Ref>, "references are moved as bytes");
 
@@ -42,7 +53,7 @@ class SortedRefs {
   }
 
   // Folds in what is pending. Then the references are data()[0..size()),
-  // sorted by address, one per address.
+  // sorted by key, one per key.
   void Flush();
   const Ref* data() const { return merged_; }
   size_t size() const { return size_; }
@@ -74,13 +85,14 @@ class SortedRefs {
   std::vector<Ref> pending_;
 };
 
-template <typename Ref, typename Fold>
-void SortedRefs<Ref, Fold>::Flush() {
+template <typename Ref, typename Fold, typename KeyOf>
+void SortedRefs<Ref, Fold, KeyOf>::Flush() {
   if (pending_.empty()) return;
-  std::sort(pending_.begin(), pending_.end(), [](const Ref& a, const Ref& b) { return a.bytenr < b.bytenr; });
+  const KeyOf key;
+  std::sort(pending_.begin(), pending_.end(), [&key](const Ref& a, const Ref& b) { return key(a) < key(b); });
   size_t count = 0;
   for (const Ref& ref : pending_) {
-    if (count > 0 && pending_[count - 1].bytenr == ref.bytenr) {
+    if (count > 0 && key(pending_[count - 1]) == key(ref)) {
       fold_(pending_[count - 1], ref);
     } else {
       pending_[count++] = ref;
@@ -91,9 +103,9 @@ void SortedRefs<Ref, Fold>::Flush() {
   Reserve(size_ + count);
   size_t kept = size_, from = count, to = size_ + count;
   while (from > 0) {
-    if (kept > 0 && merged_[kept - 1].bytenr > pending_[from - 1].bytenr) {
+    if (kept > 0 && key(pending_[from - 1]) < key(merged_[kept - 1])) {
       merged_[--to] = merged_[--kept];
-    } else if (kept > 0 && merged_[kept - 1].bytenr == pending_[from - 1].bytenr) {
+    } else if (kept > 0 && key(merged_[kept - 1]) == key(pending_[from - 1])) {
       Ref ref = merged_[--kept];
       fold_(ref, pending_[--from]);
       merged_[--to] = ref;

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <set>
 #include <thread>
 
@@ -19,6 +20,7 @@
 #include "line_writer.h"
 #include "progress_printer.h"
 #include "provider_error.h"
+#include "space_map_collector.h"
 #include "base/numbers.h"
 #include "base/unique_fd.h"
 #include "usage_walker.h"
@@ -28,8 +30,8 @@ namespace vela::btrfs {
 using vela::base::UniqueFd;
 
 const char kSubvolumeSizeUsage[] =
-    "usage: vela-btrfs subvolume size [-v] [-p] [-m] [--deadline SECONDS] <subvolume-path>...\n"
-    "       vela-btrfs subvolume size [-v] [-p] [-m] [--deadline SECONDS] -r <mount-path> <root-id>...\n"
+    "usage: vela-btrfs subvolume size [-v] [-p] [-m] [--deadline SECONDS] [--space-map FILE] <subvolume-path>...\n"
+    "       vela-btrfs subvolume size [-v] [-p] [-m] [--deadline SECONDS] [--space-map FILE] -r <mount-path> <root-id>...\n"
     "\n"
     "Prints how many bytes the given subvolumes take: data extents (their whole\n"
     "on-disk size) and metadata tree blocks.\n"
@@ -47,6 +49,15 @@ const char kSubvolumeSizeUsage[] =
     "      when the file system changes under the reading, it starts over on the\n"
     "      newest commit until this many seconds have passed since the start\n"
     "      (default 60)\n"
+    "  --space-map FILE\n"
+    "      also writes, from the same reading, the space map of the given\n"
+    "      subvolumes in the given order: bytes per set of them referencing a\n"
+    "      data extent or tree block, and the files behind the data (an SQLite\n"
+    "      database, mode 0600, replaced atomically). The lines printed stay\n"
+    "      the same.\n"
+    "  --space-map-file-rows N\n"
+    "      keeps at most N rows of files in the map, the largest, and marks its\n"
+    "      file lists incomplete beyond them (default 1000000)\n"
     "\n"
     "A last line \"total BYTES bytes\" gives the sum. Reads the committed metadata\n"
     "from the devices (needs root); changes nothing.\n"
@@ -132,6 +143,25 @@ std::chrono::seconds ParseDeadline(const std::string& text) {
   return std::chrono::seconds(value);
 }
 
+// A long option with a value, "--name VALUE" or "--name=VALUE", at
+// args[i]: true with the value (and i at the last argument used), false
+// when args[i] is not that option.
+bool LongOption(const std::vector<std::string>& args, size_t& i, const char* name, const char* needs,
+                std::string* value) {
+  const std::string& arg = args[i];
+  const size_t length = strlen(name);
+  if (arg == name) {
+    if (i + 1 == args.size()) Fail(ProviderError::Kind::kUsage, "%s needs %s", name, needs);
+    *value = args[++i];
+    return true;
+  }
+  if (arg.compare(0, length, name) == 0 && arg.size() > length && arg[length] == '=') {
+    *value = arg.substr(length + 1);
+    return true;
+  }
+  return false;
+}
+
 // Logical bytes of metadata in use: every tree block of every tree, so no
 // less than the subvolume trees' distinct blocks. The first estimate of the
 // work, before the trees tell the exact amount.
@@ -165,7 +195,8 @@ void Commit(int fsFd) {
 // the same block fails the same way on two commits in a row (a block both
 // reference with the same generation is one that no commit rewrote).
 UsageFigures MeasureNewestCommit(int fsFd, const Fsid& fsid, const std::vector<uint64_t>& ids,
-                                 std::chrono::seconds allowed, ProgressPrinter& progress) {
+                                 std::chrono::seconds allowed, ProgressPrinter& progress, UsageObserver* observer,
+                                 uint64_t* generationRead) {
   const Clock::time_point deadline = Clock::now() + allowed;
   const uint64_t metadataInUse = MetadataInUse(fsFd);
   std::string lastFailure;
@@ -174,28 +205,33 @@ UsageFigures MeasureNewestCommit(int fsFd, const Fsid& fsid, const std::vector<u
     const DeviceSet devices = DeviceSet::OfMountedFileSystem(fsFd);
     // The commit about to be read, until the file system tells which it read.
     uint64_t generation = CommittedFileSystem::NewestCommit(devices, fsid.bytes);
+    uint64_t newest = 0;
     try {
       const CommittedFileSystem fs(devices, fsid.bytes);
       generation = fs.Generation();
       progress.RaiseEstimate(progress.Processed() + metadataInUse);
-      return MeasureUsage(fs, ids, progress);
+      UsageFigures figures = MeasureUsage(fs, ids, progress, observer);
+      *generationRead = generation;
+      return figures;
     } catch (const ProviderError& error) {
       if (error.kind() != ProviderError::Kind::kBadBlock) throw;
-      const uint64_t newest = CommittedFileSystem::NewestCommit(devices, fsid.bytes);
+      newest = CommittedFileSystem::NewestCommit(devices, fsid.bytes);
       if ((newest != 0 && newest == generation) || lastFailure == error.what()) throw;
       lastFailure = error.what();
-      // Not an error: a note for whoever wonders why the run takes longer.
-      fprintf(stderr, "vela-btrfs: the file system moved on from commit %llu to %llu while it was read (%s); reading again\n",
-              static_cast<unsigned long long>(generation), static_cast<unsigned long long>(newest), error.what());
     }
     // A short pause, longer after each failure: a file system busy now may
-    // be quiet in a moment.
+    // be quiet in a moment. Whether another reading fits is decided before
+    // the note, so that the note never promises one that does not come.
     const std::chrono::milliseconds pause(25 << std::min(attempt, 4));
     if (Clock::now() + pause >= deadline) {
       Fail(ProviderError::Kind::kKeptChanging,
-           "the file system kept changing: no commit could be read whole within %lld s (%d attempts; the last: %s)",
-           static_cast<long long>(allowed.count()), attempt, lastFailure.c_str());
+           "the file system kept changing: no commit could be read whole within %lld s (%d %s; the last: %s)",
+           static_cast<long long>(allowed.count()), attempt, attempt == 1 ? "reading" : "readings",
+           lastFailure.c_str());
     }
+    // Not an error: a note for whoever wonders why the run takes longer.
+    fprintf(stderr, "vela-btrfs: the file system moved on from commit %llu to %llu while it was read (%s); reading again\n",
+            static_cast<unsigned long long>(generation), static_cast<unsigned long long>(newest), lastFailure.c_str());
     std::this_thread::sleep_for(pause);
   }
 }
@@ -211,13 +247,21 @@ SubvolumeSizeRequest ParseSubvolumeSizeArguments(const std::vector<std::string>&
       ++i;
       break;
     }
-    if (arg == "--deadline") {
-      if (i + 1 == args.size()) Fail(ProviderError::Kind::kUsage, "--deadline needs a number of seconds");
-      request.deadline = ParseDeadline(args[++i]);
+    std::string value;
+    if (LongOption(args, i, "--deadline", "a number of seconds", &value)) {
+      request.deadline = ParseDeadline(value);
       continue;
     }
-    if (arg.rfind("--deadline=", 0) == 0) {
-      request.deadline = ParseDeadline(arg.substr(strlen("--deadline=")));
+    if (LongOption(args, i, "--space-map", "a file name", &value)) {
+      if (value.empty()) Fail(ProviderError::Kind::kUsage, "--space-map needs a file name");
+      request.spaceMap = value;
+      continue;
+    }
+    if (LongOption(args, i, "--space-map-file-rows", "a number of rows", &value)) {
+      if (!base::ParseCanonicalDecimal(value, request.spaceMapFileRows) || request.spaceMapFileRows > UINT32_MAX) {
+        Fail(ProviderError::Kind::kUsage, "--space-map-file-rows takes a number of rows from 0 to %u, not '%s'",
+             UINT32_MAX, value.c_str());
+      }
       continue;
     }
     if (arg.size() < 2 || arg[0] != '-') break;
@@ -276,8 +320,21 @@ void RunSubvolumeSize(const SubvolumeSizeRequest& request, FILE* out) {
 
   LineWriter lines(out);
   ProgressPrinter progress(request.progress, lines);
-  const UsageFigures figures = MeasureNewestCommit(fsFd.Get(), fsid, ids, request.deadline, progress);
+  std::unique_ptr<SpaceMapCollector> collector;
+  if (!request.spaceMap.empty()) collector = std::make_unique<SpaceMapCollector>(ids, request.spaceMapFileRows);
+  uint64_t generation = 0;
+  const UsageFigures figures =
+      MeasureNewestCommit(fsFd.Get(), fsid, ids, request.deadline, progress, collector.get(), &generation);
   progress.Finish();
+  // Before the figures: a caller that asked for the map and finds figures
+  // may take it that the map is there.
+  if (collector != nullptr) {
+    std::string error;
+    // Readable by root only: it names the files of every snapshot.
+    if (!space_map::WriteSpaceMap(request.spaceMap, collector->TakeContent(generation), 0600, &error)) {
+      Fail(ProviderError::Kind::kSystem, "%s", error.c_str());
+    }
+  }
 
   uint64_t total = 0;
   for (size_t i = 0; i < ids.size(); ++i) {

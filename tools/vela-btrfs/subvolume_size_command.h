@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "vela/space_map.h"
+
 namespace vela::btrfs {
 
 struct SubvolumeSizeRequest {
@@ -17,6 +19,10 @@ struct SubvolumeSizeRequest {
   bool byRootId = false;   // -r: a mount path, then root IDs
   // --deadline: no new reading of a changed file system starts after it.
   std::chrono::seconds deadline{60};
+  // --space-map: where the calculation's space map goes; none when empty.
+  std::string spaceMap;
+  // --space-map-file-rows: signature-file rows the map keeps at most.
+  uint64_t spaceMapFileRows = space_map::kDefaultFileRowLimit;
   std::string mountPath;   // with -r
   std::vector<std::string> operands;  // subvolume paths, or root IDs with -r
 };

@@ -74,20 +74,79 @@ std::string TreeBlockReader::Problem(const uint8_t* data, uint64_t logical, uint
   return TreeBlock(data, nodeSize_).StructureProblem();
 }
 
+std::vector<PhysicalLocation> TreeBlockReader::PreferredCopies(uint64_t logical) const {
+  std::vector<PhysicalLocation> copies = chunks_.Locate(logical, nodeSize_);
+  if (!stale_.empty()) {
+    std::stable_partition(copies.begin(), copies.end(),
+                          [this](const PhysicalLocation& copy) { return stale_.count(copy.devid) == 0; });
+  }
+  return copies;
+}
+
+bool TreeBlockReader::RebuildFromParity(const std::vector<PhysicalLocation>& sources, uint8_t* buffer,
+                                        uint64_t* absent) const {
+  for (const PhysicalLocation& source : sources) {
+    if (!devices_.Has(source.devid)) {
+      *absent = source.devid;
+      return false;
+    }
+  }
+  AlignedBuffer part(nodeSize_);
+  memset(buffer, 0, nodeSize_);
+  for (const PhysicalLocation& source : sources) {
+    devices_.Read(source.devid, source.physical, part.data(), nodeSize_);
+    for (uint32_t i = 0; i < nodeSize_; i += sizeof(uint64_t)) {
+      uint64_t a, b;
+      memcpy(&a, buffer + i, sizeof a);
+      memcpy(&b, part.data() + i, sizeof b);
+      a ^= b;
+      memcpy(buffer + i, &a, sizeof a);
+    }
+  }
+  return true;
+}
+
 void TreeBlockReader::Read(uint64_t logical, uint64_t generation, int level, uint8_t* buffer) const {
   if (logical % DeviceSet::kAlignment != 0) {
     Fail(ProviderError::Kind::kBadBlock, "tree block address %llu is not aligned",
          static_cast<unsigned long long>(logical));
   }
   std::string problem;
-  for (const PhysicalLocation& copy : chunks_.Locate(logical, nodeSize_)) {
+  std::vector<uint64_t> missing;
+  bool readOne = false;
+  for (const PhysicalLocation& copy : PreferredCopies(logical)) {
     if (!devices_.Has(copy.devid)) {
-      if (problem.empty()) problem = Format("device %llu is missing", static_cast<unsigned long long>(copy.devid));
+      missing.push_back(copy.devid);
       continue;
     }
     devices_.Read(copy.devid, copy.physical, buffer, nodeSize_);
+    readOne = true;
     problem = Problem(buffer, logical, generation, level);
     if (problem.empty()) return;
+  }
+  const std::vector<PhysicalLocation> sources = chunks_.ParitySources(logical, nodeSize_);
+  uint64_t absent = 0;
+  if (!sources.empty()) {
+    if (RebuildFromParity(sources, buffer, &absent)) {
+      const std::string rebuilt = Problem(buffer, logical, generation, level);
+      if (rebuilt.empty()) return;
+      problem = readOne ? problem + "; rebuilt from parity: " + rebuilt : "rebuilt from parity: " + rebuilt;
+      readOne = true;
+    } else if (readOne) {
+      problem += Format("; device %llu, which its parity needs, is missing", static_cast<unsigned long long>(absent));
+    }
+  }
+  if (!readOne) {
+    // Not damage: what the block is cannot be known from the devices here.
+    std::string devids;
+    for (uint64_t devid : missing) devids += (devids.empty() ? "" : ", ") + std::to_string(devid);
+    if (absent != 0) {
+      Fail(ProviderError::Kind::kRefused,
+           "tree block at logical %llu (level %d) cannot be read: it lies on missing device %s, and device %llu, also missing, would be needed to rebuild it from parity",
+           static_cast<unsigned long long>(logical), level, devids.c_str(), static_cast<unsigned long long>(absent));
+    }
+    Fail(ProviderError::Kind::kRefused, "tree block at logical %llu (level %d) cannot be read: every copy is on a missing device (%s)",
+         static_cast<unsigned long long>(logical), level, devids.c_str());
   }
   Fail(ProviderError::Kind::kBadBlock, "bad tree block at logical %llu (level %d): %s",
        static_cast<unsigned long long>(logical), level, problem.c_str());
@@ -112,7 +171,7 @@ void TreeBlockReader::ReadMany(size_t count, const std::function<Request(size_t)
            (run + 1) * nodeSize_ <= contiguous) {
       ++run;
     }
-    const std::vector<PhysicalLocation> copies = chunks_.Locate(first, nodeSize_);
+    const std::vector<PhysicalLocation> copies = PreferredCopies(first);
     const auto present = std::find_if(copies.begin(), copies.end(),
                                       [this](const PhysicalLocation& copy) { return devices_.Has(copy.devid); });
     if (present != copies.end()) devices_.Read(present->devid, present->physical, merged.data(), run * nodeSize_);

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -42,6 +43,10 @@ class TreeBlock {
     uint32_t size;
   };
   Item LeafItem(uint32_t i) const;
+  // Leaves: the key of the i-th item alone, cheaper than the whole item.
+  DiskKey ItemKey(uint32_t i) const {
+    return ReadDiskKey(data_ + block::kHeaderSize + static_cast<size_t>(i) * block::kItemSize);
+  }
 
   // Why the block's item table does not fit in it; empty when it fits.
   std::string StructureProblem() const;
@@ -59,9 +64,15 @@ class TreeBlockReader {
   TreeBlockReader(const DeviceSet& devices, const ChunkMap& chunks, const Checksum& checksum,
                   uint32_t nodeSize, std::vector<std::vector<uint8_t>> blockFsids, uint64_t newestGeneration);
 
+  // Devices whose superblock is older than the commit being read: their
+  // copies are tried after those of the others.
+  void SetStaleDevices(std::set<uint64_t> devids) { stale_ = std::move(devids); }
+
   // Reads the block at `logical`, trying every copy on a present device
-  // until one passes the checks. Throws ProviderError (kind kBadBlock)
-  // naming the block and the reason when none does.
+  // until one passes the checks, then, in a chunk with parity, the block
+  // rebuilt from the rest of its row. Throws ProviderError naming the block
+  // and the reason when none does: kind kBadBlock for a block that fails
+  // its checks, kRefused for one that lies on missing devices only.
   void Read(uint64_t logical, uint64_t generation, int level, uint8_t* buffer) const;
 
   struct Request {
@@ -78,6 +89,11 @@ class TreeBlockReader {
 
  private:
   std::string Problem(const uint8_t* data, uint64_t logical, uint64_t generation, int level) const;
+  // Copies of the block at `logical`, those on stale devices last.
+  std::vector<PhysicalLocation> PreferredCopies(uint64_t logical) const;
+  // XOR of the `sources` into `buffer`; false when a source's device is
+  // missing, naming it in `absent`.
+  bool RebuildFromParity(const std::vector<PhysicalLocation>& sources, uint8_t* buffer, uint64_t* absent) const;
 
   const DeviceSet& devices_;
   const ChunkMap& chunks_;
@@ -85,6 +101,7 @@ class TreeBlockReader {
   uint32_t nodeSize_;
   std::vector<std::vector<uint8_t>> blockFsids_;
   uint64_t newestGeneration_;
+  std::set<uint64_t> stale_;
 };
 
 }  // namespace vela::btrfs
