@@ -11,6 +11,7 @@
 
 #include "support/btrfs_image.h"
 #include "support/command.h"
+#include "support/machine_image.h"
 #include "support/syslog_capture.h"
 #include "vela/vlib_error.h"
 #include "velabtrfssnapusage/btrfs_tool.h"
@@ -137,25 +138,46 @@ TEST_F(Volumes, SnapshotsOnTwoVolumesFailTheSameVolumeCheck) {
   EXPECT_EQ(2, volume);
 }
 
-TEST_F(Volumes, ShareSnapshotListsSelectByTimeWhateverTheZoneOfTheName) {
+// Listed as paths in the share's snapshot directory, which lead to the
+// snapshots wherever they lie, selected by creation time.
+TEST_F(Volumes, ShareSnapshotListsSelectByCreationTimeWhateverTheZoneOfTheBound) {
   ASSERT_EQ(0, mkdir((snaps1_ + "not-a-snapshot").c_str(), 0755));
+  vela::test::WaitForNextSecond();
+  volume1_.Snapshot(share1_, "/volume1/latest");
+  const long latest = vela::test::CreationTime("/volume1/latest");
   PVLIBSZLIST paths = VLIBCSzListAlloc(1);
   Json::Value all;
   ASSERT_EQ(0, Utils::ShareSnapListGet("share1", &paths, all));
-  EXPECT_EQ((std::vector<std::string>{snaps1_ + kSnap1, snaps1_ + kSnap2, snaps1_ + kSnap3}), Items(paths))
-      << "oldest first";
+  const std::vector<std::string> listed = Items(paths);
+  ASSERT_EQ(4u, listed.size());
+  const std::string dir = "/run/vela-snapshots/volume1/share1/";
+  const std::vector<std::string> real = {snaps1_ + kSnap1, snaps1_ + kSnap2, snaps1_ + kSnap3, "/volume1/latest"};
+  for (size_t i = 0; i < listed.size(); ++i) {
+    EXPECT_EQ(0u, listed[i].find(dir)) << listed[i];
+    char* resolved = realpath(listed[i].c_str(), nullptr);
+    EXPECT_EQ(real[i], resolved != nullptr ? resolved : "") << "oldest first: " << listed[i];
+    free(resolved);
+  }
   Json::Value notArray;
   notArray["time"] = ">=GMT-2024.03.05-09.30.00";
   VLIBCSzListRemoveAll(paths);
   ASSERT_EQ(0, Utils::ShareSnapListGet("share1", &paths, notArray));
-  EXPECT_EQ(3, paths->nItem);
+  EXPECT_EQ(4, paths->nItem);
 
-  Json::Value range;
-  range["time"].append(">=GMT-2024.03.05-09.30.00");
-  range["time"].append("<=GMT+08-2024.03.05-18.30.00");  // 10:30:00 UTC
-  VLIBCSzListRemoveAll(paths);
-  ASSERT_EQ(0, Utils::ShareSnapListGet("share1", &paths, range));
-  EXPECT_EQ((std::vector<std::string>{snaps1_ + kSnap2, snaps1_ + kSnap3}), Items(paths));
+  // The bound in the zone of UTC+08:00 and in UTC selects the same.
+  for (const std::string zone : {"GMT+08", "GMT"}) {
+    const time_t at = latest + (zone == "GMT" ? 0 : 8 * 3600);
+    struct tm broken;
+    gmtime_r(&at, &broken);
+    char bound[64];
+    strftime(bound, sizeof(bound), (">=" + zone + "-%Y.%m.%d-%H.%M.%S").c_str(), &broken);
+    Json::Value range;
+    range["time"].append(bound);
+    range["time"].append("<=GMT-2999.01.01-00.00.00");
+    VLIBCSzListRemoveAll(paths);
+    ASSERT_EQ(0, Utils::ShareSnapListGet("share1", &paths, range));
+    EXPECT_EQ((std::vector<std::string>{listed.back()}), Items(paths)) << bound;
+  }
 
   Json::Value bad;
   bad["time"].append("~GMT-2024.03.05-09.30.00");
