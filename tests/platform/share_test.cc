@@ -20,6 +20,7 @@
 #include "support/btrfs_image.h"
 #include "support/command.h"
 #include "support/machine_image.h"
+#include "vela/sz_list.h"
 #include "vela/vela_share.h"
 #include "vela/vela_volume.h"
 #include "vela/vlib_error.h"
@@ -39,10 +40,9 @@ std::vector<std::string> Items(const VLIBSZLIST* list) {
 }
 
 std::vector<std::string> Shares() {
-  PVLIBSZLIST list = VLIBCSzListAlloc(1);
-  const int n = VELAShareEnum(&list, 0);
-  std::vector<std::string> names = Items(list);
-  VLIBCSzListFree(list);
+  vela::platform::SzList list;
+  const int n = VELAShareEnum(list.Address(), 0);
+  std::vector<std::string> names = Items(list.Get());
   EXPECT_EQ(static_cast<int>(names.size()), n);
   return names;
 }
@@ -53,11 +53,10 @@ std::vector<std::string> Snapshots(PVELASHARE share, std::initializer_list<std::
   for (const std::string& arg : args) {
     EXPECT_EQ(0, VELAShareSnapSelectorAdd(&selectors, VELAShareSnapTimeSelector, arg.c_str())) << arg;
   }
-  PVLIBSZLIST list = VLIBCSzListAlloc(1);
-  const int n = VELAShareSnapList(share, &list, selectors);
-  std::vector<std::string> names = Items(list);
+  vela::platform::SzList list;
+  const int n = VELAShareSnapList(share, list.Address(), selectors);
+  std::vector<std::string> names = Items(list.Get());
   EXPECT_EQ(static_cast<int>(names.size()), n);
-  VLIBCSzListFree(list);
   VELAShareSnapEnumFree(selectors);
   return names;
 }
@@ -123,12 +122,11 @@ TEST(Shares, AreSubvolumesAnywhereNamedUniquelyAcrossVolumes) {
   // name; of the others, nearest the top first, each gets its volume and ID.
   const std::string dup2 = "dup~v2-" + std::to_string(RootId("/volume2/dup"));
   const std::string deepDup = "dup~v2-" + std::to_string(RootId("/volume2/deep/dup"));
-  PVLIBSZLIST list = VLIBCSzListAlloc(1);
-  ASSERT_EQ(0, VLIBCSzListPush(&list, "kept"));
-  EXPECT_EQ(8, VELAShareEnum(&list, 0));
+  vela::platform::SzList list;
+  ASSERT_EQ(0, VLIBCSzListPush(list.Address(), "kept"));
+  EXPECT_EQ(8, VELAShareEnum(list.Address(), 0));
   EXPECT_EQ((std::vector<std::string>{"kept", "@system", "Share 2", "dup", "nested", "share1", deepDup, dup2, "other"}),
-            Items(list));
-  VLIBCSzListFree(list);
+            Items(list.Get()));
 
   PVELASHARE share = GetShare(dup2);
   ASSERT_NE(nullptr, share);
