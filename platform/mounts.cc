@@ -29,14 +29,13 @@ std::string Unescape(const std::string& field) {
 // "ID PARENT MAJ:MIN ROOT POINT OPTIONS [OPTIONAL...] - FSTYPE SOURCE SUPER"
 bool ParseLine(const std::string& line, Mount* mount) {
   std::istringstream in(line);
-  std::string root, point, field;
+  std::string root, point, field;  // the mounted directory of the file system is not needed
   if (!(in >> mount->id >> mount->parentId >> mount->device >> root >> point >> mount->mountOptions)) return false;
   while (in >> field && field != "-") {
   }
   std::string source;
   if (field != "-" || !(in >> mount->fsType >> source)) return false;
   in >> mount->superOptions;
-  mount->root = Unescape(root);
   mount->point = Unescape(point);
   mount->source = Unescape(source);
   return true;

@@ -12,7 +12,6 @@ struct Mount {
   int id = 0;
   int parentId = 0;
   std::string device;        // "MAJOR:MINOR": the same for every mount of one file system
-  std::string root;          // the directory of the file system mounted there, unescaped
   std::string point;         // the mount point, unescaped
   std::string mountOptions;  // this mount's own: "rw,noatime"
   std::string fsType;        // "btrfs", "tmpfs", ...

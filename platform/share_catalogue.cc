@@ -133,7 +133,7 @@ std::vector<ListedSnapshot> ShareCatalogue::Snapshots(size_t volume, size_t subv
     const Subvolume& sub = *found[i];
     const bool sameSecond = i > 0 && found[i - 1]->otime.tv_sec == sub.otime.tv_sec;
     snapshots.push_back({ListedSnapName(sub.otime.tv_sec, sub.id, sameSecond), sub.otime, sub.id, sub.readOnly,
-                         SnapshotToolOf(sub.path), catalogue.mountPath + "/" + sub.path, sub.path});
+                         SnapshotToolOf(sub.path), catalogue.mountPath + "/" + sub.path});
   }
   return snapshots;
 }

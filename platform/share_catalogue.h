@@ -34,7 +34,6 @@ struct ListedSnapshot {
   bool readOnly = false;
   const char* tool = "";
   std::string path;      // "/volumeN/..."
-  std::string relativePath;  // below the volume's mount point
 };
 
 class ShareCatalogue {

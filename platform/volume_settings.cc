@@ -47,8 +47,7 @@ bool ParseNumber(const std::string& text, int* number) {
   return true;
 }
 
-}  // namespace
-
+// A UUID as the file keeps it: lower case, 8-4-4-4-12 digits.
 bool IsUuidText(const std::string& text) {
   if (text.size() != 36) return false;
   for (size_t i = 0; i < text.size(); ++i) {
@@ -58,7 +57,7 @@ bool IsUuidText(const std::string& text) {
   return true;
 }
 
-const char* VolumeSettingsPath() { return kSettingsPath; }
+}  // namespace
 
 UniqueFd LockVolumeSettings() {
   UniqueFd fd(open(kLockPath, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));

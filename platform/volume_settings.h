@@ -33,10 +33,6 @@ vela::base::UniqueFd LockVolumeSettings();
 bool ReadVolumeSettings(std::vector<AdoptedVolume>* volumes, std::string* problem);
 // Replaces the settings file. False with errno set; the old file is whole.
 bool WriteVolumeSettings(const std::vector<AdoptedVolume>& volumes);
-// Whether `text` is a UUID as the file keeps it.
-bool IsUuidText(const std::string& text);
-// The settings file's path, for messages.
-const char* VolumeSettingsPath();
 
 }  // namespace vela::platform
 
