@@ -38,13 +38,12 @@ if [ "$(findmnt -n -o FSTYPE /volume1 2>/dev/null)" != btrfs ]; then
   echo "== mounted $image at /volume1"
 fi
 
-# The share and its snapshots: one an hour for the last five hours, with
-# the share's contents changing between them.
+# The share and its snapshots: five, a second apart, with the share's
+# contents changing between them.
 if ! vela-share list | cut -f1 | grep -qx "$share"; then
   echo "== creating share $share with 5 snapshots"
   vela-share create 1 "$share"
   dir=/volume1/$share
-  now=$(date +%s)
   for i in 1 2 3 4 5; do
     case $i in
       1)
@@ -63,8 +62,9 @@ if ! vela-share list | cut -f1 | grep -qx "$share"; then
       5) cp --reflink=always "$dir/video.bin" "$dir/video-copy.bin"; head -c 4M /dev/urandom >>"$dir/base.bin" ;;
     esac
     sync
-    name=$(date -d "@$((now - (6 - i) * 3600))" +GMT%z-%Y.%m.%d-%H.%M.%S | sed -E 's/^GMT([+-][0-9]{2})00-/GMT\1-/')
-    vela-share snapshot "$share" "$name" >/dev/null
+    # A snapshot's time is when it was taken: a second apart, each has its own.
+    [ "$i" -gt 1 ] && sleep 1
+    vela-share snapshot "$share" >/dev/null
   done
 fi
 echo "== snapshots of $share"

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <string>
@@ -93,6 +94,10 @@ TEST(VelaShare, SharesAndSnapshotsOnAFreshVolume) {
   r = Tool({"snapshots", "docs"});
   EXPECT_EQ(0, r.status);
   EXPECT_EQ("", r.out);
+  // Taken in one second, or not: each is a snapshot of its own.
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(0, Tool({"snapshot", "docs"}).status);
+  r = Tool({"snapshots", "docs"});
+  EXPECT_EQ(3, std::count(r.out.begin(), r.out.end(), '\n')) << r.out;
 }
 
 TEST(VelaShare, AdoptsAMachinesFileSystemListsAndReleasesIt) {

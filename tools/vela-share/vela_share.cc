@@ -27,6 +27,7 @@ constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 constexpr char kVolumeSettings[] = VELA_VOLUME_SETTINGS_PATH;
+constexpr int kMaxSnapshotsPerSecond = 100;
 
 constexpr char kUsage[] =
     "usage: vela-share COMMAND [ARGUMENT]...\n"
@@ -53,8 +54,8 @@ constexpr char kUsage[] =
     "  create VOLUME NAME          create share NAME right under VOLUME (\"1\" or\n"
     "                              \"/volume1\") and print its path\n"
     "  snapshot SHARE              take a read-only snapshot of SHARE as\n"
-    "                              /volumeN/@snapshots/SHARE/<local time now>; print\n"
-    "                              its name\n"
+    "                              /volumeN/@snapshots/SHARE/<local time now>[_N];\n"
+    "                              print its name\n"
     "  snapshots SHARE             list SHARE's snapshots, oldest first, one per line:\n"
     "                              NAME<TAB>SECONDS<TAB>LOCAL TIME<TAB>TOOL<TAB>PATH\n"
     "  delete-snapshot SHARE NAME  delete snapshot NAME of SHARE (only those taken here)\n"
@@ -190,14 +191,15 @@ int Snapshot(const char* shareName) {
   }
   const SharePtr share = FindShare(shareName);
   if (share == nullptr) return kExitFailed;
-  if (VELAShareSnapCreate(share.get(), entry) != 0) {
-    if (VLIBCErrGet() == VLIB_ERR_EXISTS) {
-      fprintf(stderr, "vela-share: share \"%s\" has a snapshot named \"%s\" already\n", shareName, entry);
-    } else {
+  // A second snapshot in the same second gets "_2" after the time, and so on.
+  const std::string time = entry;
+  for (int n = 2; VELAShareSnapCreate(share.get(), entry) != 0; ++n) {
+    if (VLIBCErrGet() != VLIB_ERR_EXISTS || n > kMaxSnapshotsPerSecond) {
       fprintf(stderr, "vela-share: cannot snapshot share \"%s\" as \"%s\": %s\n", shareName, entry,
               SystemReason().c_str());
+      return kExitFailed;
     }
-    return kExitFailed;
+    snprintf(entry, sizeof(entry), "%s_%d", time.c_str(), n);
   }
   // Listings name it by its creation time, which is the one to use with
   // the other commands.
