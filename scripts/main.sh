@@ -9,6 +9,10 @@
 # background) and prints the address of the administrator's page and how
 # to log in there.
 #
+# With --install-only it stops once the project is installed: on a machine
+# of one's own, the next steps are "vela-share volume add /" and
+# "systemctl enable --now vela-volumes vela-webapid".
+#
 # Environment: VELA_DEMO_IMAGE (default /var/lib/velabtrfssnapusage-demo/volume1.img),
 # VELA_DEMO_SHARE (default demo).
 set -euo pipefail
@@ -19,6 +23,12 @@ cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j "$(nproc)"
 cmake --install build >/dev/null
 export PATH=/usr/local/bin:/usr/local/sbin:$PATH
+if [ "${1:-}" = --install-only ]; then
+  [ -d /run/systemd/system ] && systemctl daemon-reload
+  echo "Installed. Next: vela-share volume add / (or any path on btrfs), then"
+  echo "systemctl enable --now vela-volumes vela-webapid"
+  exit 0
+fi
 
 api=VELA.Snap.Usage.Share
 share=${VELA_DEMO_SHARE:-demo}

@@ -4,8 +4,8 @@
 // mounted btrfs file system can be made one ("adopted"): its top level is
 // mounted a second time, at "/volumeN", with the options of the mount it
 // was found through, and the choice is kept in the volume settings file
-// (VELA_VOLUME_SETTINGS_PATH) that "vela-share volume restore" reads at
-// boot. Adopting changes nothing inside the file system.
+// (/usr/local/etc/vela-volumes.conf as installed) that "vela-share volume
+// restore" reads at boot. Adopting changes nothing inside the file system.
 #ifndef VELA_VELA_VOLUME_H_
 #define VELA_VELA_VOLUME_H_
 
