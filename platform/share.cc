@@ -10,12 +10,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <new>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "base/unique_fd.h"
+#include "guarded_call.h"
 #include "share_catalogue.h"
 #include "snapshot_names.h"
 #include "snapshot_tool.h"
@@ -33,6 +33,7 @@ struct _tag_VELASNAPSELECTOR {
 namespace {
 
 using vela::base::UniqueFd;
+using vela::platform::GuardedCall;
 using vela::platform::ListedSnapshot;
 using vela::platform::ParseSnapName;
 using vela::platform::ShareCatalogue;
@@ -123,18 +124,6 @@ UniqueFd OpenShare(const VELASHARE* share) {
 
 int ErrorOfErrno() { return errno == EEXIST ? VLIB_ERR_EXISTS : VLIB_ERR_SYSTEM; }
 
-// Runs a call that builds C++ objects: running out of memory is an error
-// of the call, not an exception through C.
-template <typename Call>
-int Guarded(Call call) {
-  try {
-    return call();
-  } catch (const std::bad_alloc&) {
-    VLIBCErrSet(VLIB_ERR_OUT_OF_MEMORY);
-    return -1;
-  }
-}
-
 }  // namespace
 
 BOOL VELAShareNameIsValid(const char* sz, size_t length) {
@@ -151,7 +140,7 @@ int VELAShareGet(const char* szName, PVELASHARE* ppShare) {
     VLIBCErrSet(VLIB_ERR_BAD_PARAMETERS);
     return -1;
   }
-  return Guarded([&] {
+  return GuardedCall([&] {
     ShareCatalogue catalogue;
     if (!catalogue.ReadAll()) {
       VLIBCErrSet(VLIB_ERR_SYSTEM);
@@ -187,7 +176,7 @@ int VELAShareEnum(PVLIBSZLIST* ppList, int /*flags*/) {
     VLIBCErrSet(VLIB_ERR_BAD_PARAMETERS);
     return -1;
   }
-  return Guarded([&] {
+  return GuardedCall([&] {
     ShareCatalogue catalogue;
     if (!catalogue.ReadAll()) {
       VLIBCErrSet(VLIB_ERR_SYSTEM);
@@ -249,7 +238,7 @@ int VELAShareSnapList(PVELASHARE pShare, PVLIBSZLIST* ppNames, PVELASNAPSELECTOR
     VLIBCErrSet(VLIB_ERR_BAD_PARAMETERS);
     return -1;
   }
-  return Guarded([&] {
+  return GuardedCall([&] {
     std::vector<ListedSnapshot> snapshots;
     if (!CurrentSnapshots(pShare, &snapshots)) return -1;
     int pushed = 0;
@@ -267,7 +256,7 @@ int VELAShareSnapInfoList(PVELASHARE pShare, PVELASNAPINFO* ppInfo) {
     VLIBCErrSet(VLIB_ERR_BAD_PARAMETERS);
     return -1;
   }
-  return Guarded([&] {
+  return GuardedCall([&] {
     std::vector<ListedSnapshot> snapshots;
     if (!CurrentSnapshots(pShare, &snapshots)) return -1;
     *ppInfo = nullptr;
@@ -298,7 +287,7 @@ int VELAShareSnapGetOrCreateSnapDir(PVELASHARE pShare, char* buf, int size, int 
     VLIBCErrSet(VLIB_ERR_BAD_PARAMETERS);
     return -1;
   }
-  return Guarded([&] {
+  return GuardedCall([&] {
     const std::string path = vela::platform::SnapshotViewDir(pShare->volume, pShare->szName);
     if (path.size() >= static_cast<size_t>(size)) {
       VLIBCErrSet(VLIB_ERR_BAD_PARAMETERS);
@@ -356,7 +345,7 @@ int VELAShareCreate(int volume, const char* szName) {
     VLIBCErrSet(VLIB_ERR_BAD_PARAMETERS);
     return -1;
   }
-  return Guarded([&] {
+  return GuardedCall([&] {
     VELAMOUNTVOLINFO info;
     char volumePath[64];
     if (VELAVolumePathGet(volume, volumePath, sizeof(volumePath)) != 0) return -1;
@@ -424,7 +413,7 @@ int VELAShareSnapDelete(PVELASHARE pShare, const char* szSnapName) {
     VLIBCErrSet(VLIB_ERR_BAD_PARAMETERS);
     return -1;
   }
-  return Guarded([&] {
+  return GuardedCall([&] {
     std::vector<ListedSnapshot> snapshots;
     if (!CurrentSnapshots(pShare, &snapshots)) return -1;
     const auto found = std::find_if(snapshots.begin(), snapshots.end(), [&](const ListedSnapshot& s) {

@@ -15,12 +15,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <new>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "base/unique_fd.h"
+#include "guarded_call.h"
 #include "mounted_volumes.h"
 #include "vela/vela_volume.h"
 #include "vela/vlib_error.h"
@@ -29,6 +29,7 @@
 namespace {
 
 using vela::base::UniqueFd;
+using vela::platform::GuardedCall;
 using vela::platform::AdoptedVolume;
 using vela::platform::Mount;
 using vela::platform::MountedVolume;
@@ -143,20 +144,33 @@ const AdoptedVolume* AdoptedAs(const std::vector<AdoptedVolume>& adopted, int nu
   return nullptr;
 }
 
-template <typename Call>
-int Guarded(Call call) {
-  try {
-    return call();
-  } catch (const std::bad_alloc&) {
-    return SetError(VLIB_ERR_OUT_OF_MEMORY);
-  }
+// An adopted volume with the settings locked, and the mounts of now.
+struct Adoption {
+  UniqueFd lock;
+  std::vector<AdoptedVolume> adopted;
+  const AdoptedVolume* entry = nullptr;
+  std::vector<MountedVolume> volumes;
+  std::vector<Mount> mounts;
+};
+
+// -1 with the error set (VLIB_ERR_NOT_FOUND when `number` is not adopted).
+int LoadAdoption(int number, Adoption* adoption) {
+  if (LockedSettings(&adoption->lock, &adoption->adopted) != 0) return -1;
+  adoption->entry = AdoptedAs(adoption->adopted, number);
+  if (adoption->entry == nullptr) return SetError(VLIB_ERR_NOT_FOUND);
+  return vela::platform::ReadMountedVolumes(&adoption->volumes, &adoption->mounts) ? 0 : SetError(VLIB_ERR_SYSTEM);
+}
+
+// Whether what is mounted at the volume's path is the adopted file system.
+bool HoldsAdopted(const MountedVolume* mounted, const AdoptedVolume& adopted) {
+  return mounted != nullptr && mounted->Btrfs() && FileSystemUuid(mounted->path) == adopted.uuid;
 }
 
 }  // namespace
 
 int VELAVolumeAdopt(const char* szPath, int volume, int* pVolume) {
   if (szPath == nullptr || volume < 0 || pVolume == nullptr) return SetError(VLIB_ERR_BAD_PARAMETERS);
-  return Guarded([&] {
+  return GuardedCall([&] {
     char* resolvedText = realpath(szPath, nullptr);
     if (resolvedText == nullptr) return SetError(errno == ENOENT || errno == ENOTDIR ? VLIB_ERR_NOT_FOUND : VLIB_ERR_SYSTEM);
     const std::string resolved = resolvedText;
@@ -210,50 +224,39 @@ int VELAVolumeAdopt(const char* szPath, int volume, int* pVolume) {
 
 int VELAVolumeRelease(int volume) {
   if (volume < 1) return SetError(VLIB_ERR_BAD_PARAMETERS);
-  return Guarded([&] {
-    UniqueFd lock;
-    std::vector<AdoptedVolume> adopted;
-    if (LockedSettings(&lock, &adopted) != 0) return -1;
-    const AdoptedVolume* entry = AdoptedAs(adopted, volume);
-    if (entry == nullptr) return SetError(VLIB_ERR_NOT_FOUND);
-    std::vector<MountedVolume> volumes;
-    if (!vela::platform::ReadMountedVolumes(&volumes)) return SetError(VLIB_ERR_SYSTEM);
-    const MountedVolume* mounted = MountedAt(volumes, volume);
+  return GuardedCall([&] {
+    Adoption adoption;
+    if (LoadAdoption(volume, &adoption) != 0) return -1;
+    const MountedVolume* mounted = MountedAt(adoption.volumes, volume);
     // Only the adopted file system is unmounted; whatever else is there now
     // was put there by someone else.
-    if (mounted != nullptr && mounted->Btrfs() && FileSystemUuid(mounted->path) == entry->uuid &&
-        umount2(mounted->path.c_str(), 0) != 0) {
+    if (HoldsAdopted(mounted, *adoption.entry) && umount2(mounted->path.c_str(), 0) != 0) {
       return SetError(errno == EBUSY ? VLIB_ERR_BUSY : VLIB_ERR_SYSTEM);
     }
-    adopted.erase(adopted.begin() + (entry - adopted.data()));
-    return vela::platform::WriteVolumeSettings(adopted) ? 0 : SetError(VLIB_ERR_SYSTEM);
+    adoption.adopted.erase(adoption.adopted.begin() + (adoption.entry - adoption.adopted.data()));
+    return vela::platform::WriteVolumeSettings(adoption.adopted) ? 0 : SetError(VLIB_ERR_SYSTEM);
   });
 }
 
 int VELAVolumeRestore(int volume) {
   if (volume < 1) return SetError(VLIB_ERR_BAD_PARAMETERS);
-  return Guarded([&] {
-    UniqueFd lock;
-    std::vector<AdoptedVolume> adopted;
-    if (LockedSettings(&lock, &adopted) != 0) return -1;
-    const AdoptedVolume* entry = AdoptedAs(adopted, volume);
-    if (entry == nullptr) return SetError(VLIB_ERR_NOT_FOUND);
-    std::vector<MountedVolume> volumes;
-    std::vector<Mount> mounts;
-    if (!vela::platform::ReadMountedVolumes(&volumes, &mounts)) return SetError(VLIB_ERR_SYSTEM);
-    if (const MountedVolume* mounted = MountedAt(volumes, volume)) {
-      return mounted->Btrfs() && FileSystemUuid(mounted->path) == entry->uuid ? 0 : SetError(VLIB_ERR_EXISTS);
+  return GuardedCall([&] {
+    Adoption adoption;
+    if (LoadAdoption(volume, &adoption) != 0) return -1;
+    const std::string& uuid = adoption.entry->uuid;
+    if (const MountedVolume* mounted = MountedAt(adoption.volumes, volume)) {
+      return HoldsAdopted(mounted, *adoption.entry) ? 0 : SetError(VLIB_ERR_EXISTS);
     }
     // Where the file system is mounted already (by the system's own mounts
     // at boot), its top level is mounted from there with those options.
     std::vector<std::string> tried;
-    for (const Mount& mount : mounts) {
+    for (const Mount& mount : adoption.mounts) {
       if (mount.fsType != "btrfs" || std::find(tried.begin(), tried.end(), mount.device) != tried.end()) continue;
       tried.push_back(mount.device);
-      if (FileSystemUuid(mount.point) != entry->uuid) continue;
+      if (FileSystemUuid(mount.point) != uuid) continue;
       return MountTopLevel(mount.source, &mount, volume) ? 0 : SetError(VLIB_ERR_SYSTEM);
     }
-    const std::string device = kDeviceByUuid + entry->uuid;
+    const std::string device = kDeviceByUuid + uuid;
     struct stat st;
     if (stat(device.c_str(), &st) != 0 || !S_ISBLK(st.st_mode)) return SetError(VLIB_ERR_NOT_FOUND);
     return MountTopLevel(device, nullptr, volume) ? 0 : SetError(VLIB_ERR_SYSTEM);
@@ -262,7 +265,7 @@ int VELAVolumeRestore(int volume) {
 
 int VELAVolumeEnum(PVELAVOLUME* ppVolumes) {
   if (ppVolumes == nullptr) return SetError(VLIB_ERR_BAD_PARAMETERS);
-  return Guarded([&] {
+  return GuardedCall([&] {
     std::vector<AdoptedVolume> adopted;
     std::string problem;
     if (!vela::platform::ReadVolumeSettings(&adopted, &problem)) {

@@ -84,15 +84,6 @@ PVELASHARE GetShare(const std::string& name) {
   return share;
 }
 
-std::string UtcName(long t) {
-  const time_t when = t;
-  struct tm utc;
-  gmtime_r(&when, &utc);
-  char name[64];
-  strftime(name, sizeof(name), "GMT-%Y.%m.%d-%H.%M.%S", &utc);
-  return name;
-}
-
 std::vector<std::string> Entries(const std::string& dir) {
   std::vector<std::string> names;
   for (const auto& entry : std::filesystem::directory_iterator(dir)) names.push_back(entry.path().filename());
@@ -234,7 +225,7 @@ TEST(Snapshots, OfAMachineAdoptedThroughItsRootAreFoundByParentUuid) {
     const std::string path = top + MachineImage::HomeSnapshots()[i];
     const long created = CreationTime(path);
     const bool sameSecond = i > 0 && listed[i - 1].time == created;
-    EXPECT_EQ(UtcName(created) + (sameSecond ? "_" + std::to_string(RootId(path)) : ""), listed[i].name);
+    EXPECT_EQ(UtcSnapshotName(created) + (sameSecond ? "_" + std::to_string(RootId(path)) : ""), listed[i].name);
     EXPECT_EQ(created, listed[i].time);
     EXPECT_EQ(tools[i], listed[i].tool);
     EXPECT_EQ(path, listed[i].path);
@@ -288,8 +279,8 @@ TEST(Snapshots, OfAMachineAdoptedThroughItsRootAreFoundByParentUuid) {
   const std::string last = names.back();
   EXPECT_EQ(1, VELAShareSnapTimeSelector(last.c_str(), ("=" + last.substr(0, 23)).c_str()));
   EXPECT_EQ((std::vector<std::string>{names[0], names[1], names[3], names[4]}),
-            Snapshots(home, {">=" + UtcName(listed[0].time), "<=" + UtcName(listed[4].time)}));
-  EXPECT_EQ(std::vector<std::string>{}, Snapshots(home, {">" + UtcName(listed[4].time)}));
+            Snapshots(home, {">=" + UtcSnapshotName(listed[0].time), "<=" + UtcSnapshotName(listed[4].time)}));
+  EXPECT_EQ(std::vector<std::string>{}, Snapshots(home, {">" + UtcSnapshotName(listed[4].time)}));
 
   // Adopting, listing and the snapshot directory made nothing in the file
   // system: its top level holds what the machine made and this test added.
@@ -382,7 +373,7 @@ TEST(ShareAdministration, CreatesSharesAndTakesAndDeletesItsOwnSnapshots) {
   // Listed by its creation time, which its entry's name does not decide.
   const std::vector<Listed> listed = Infos(share);
   ASSERT_EQ(1u, listed.size());
-  EXPECT_EQ(UtcName(CreationTime(path)), listed[0].name);
+  EXPECT_EQ(UtcSnapshotName(CreationTime(path)), listed[0].name);
   EXPECT_EQ("vela-share", listed[0].tool);
 
   // A snapshot another tool made is not this call's to delete.

@@ -100,6 +100,15 @@ long CreationTime(const std::string& path) {
   throw std::runtime_error("no creation time shown for " + path);
 }
 
+std::string UtcSnapshotName(long t) {
+  const time_t when = t;
+  struct tm utc;
+  gmtime_r(&when, &utc);
+  char name[64];
+  strftime(name, sizeof(name), "GMT-%Y.%m.%d-%H.%M.%S", &utc);
+  return name;
+}
+
 void WaitForNextSecond() {
   const time_t now = time(nullptr);
   while (time(nullptr) == now) usleep(10000);

@@ -51,6 +51,8 @@ class MachineImage {
 
 // The creation time of the subvolume at `path`, as the btrfs tool shows it.
 long CreationTime(const std::string& path);
+// The snapshot name of time `t` in UTC: "GMT-2024.03.05-09.04.09".
+std::string UtcSnapshotName(long t);
 // Waits for the clock's next second, so that the next snapshot's creation
 // time differs from every earlier one's.
 void WaitForNextSecond();

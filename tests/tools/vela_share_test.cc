@@ -24,15 +24,6 @@ CommandResult Tool(std::vector<std::string> args) {
   return RunCommand(args);
 }
 
-std::string UtcName(long t) {
-  const time_t when = t;
-  struct tm utc;
-  gmtime_r(&when, &utc);
-  char name[64];
-  strftime(name, sizeof(name), "GMT-%Y.%m.%d-%H.%M.%S", &utc);
-  return name;
-}
-
 std::string LocalTime(long t) {
   const time_t when = t + 8 * 3600;
   struct tm local;
@@ -61,7 +52,7 @@ TEST(VelaShare, SharesAndSnapshotsOnAFreshVolume) {
   const std::string name = r.out.substr(0, r.out.size() - 1);
   time_t taken = 0;
   ASSERT_EQ(0, VELAShareSnapTimeGet(name.c_str(), &taken)) << name;
-  EXPECT_EQ(UtcName(taken), name);
+  EXPECT_EQ(UtcSnapshotName(taken), name);
   EXPECT_LT(std::abs(time(nullptr) - taken), 60) << name;
   r = Tool({"snapshots", "media"});
   const size_t at = r.out.find("\tvela-share\t/volume1/@snapshots/media/GMT+08-");
@@ -76,7 +67,7 @@ TEST(VelaShare, SharesAndSnapshotsOnAFreshVolume) {
   EXPECT_EQ(0, r.status) << r.err;
   const long other = CreationTime("/volume1/.snapshots/1/snapshot");
   const std::string rootId = MustRun({"btrfs", "inspect-internal", "rootid", "/volume1/.snapshots/1/snapshot"});
-  const std::string otherName = UtcName(other) + (other == taken ? "_" + rootId.substr(0, rootId.size() - 1) : "");
+  const std::string otherName = UtcSnapshotName(other) + (other == taken ? "_" + rootId.substr(0, rootId.size() - 1) : "");
   EXPECT_EQ(name + "\t" + std::to_string(taken) + "\t" + LocalTime(taken) + "\tvela-share\t" + path + "\n" +
                 otherName + "\t" + std::to_string(other) + "\t" + LocalTime(other) +
                 "\tsnapper\t/volume1/.snapshots/1/snapshot\n",
