@@ -105,8 +105,11 @@ constexpr char kProbeSnapName[] = "GMT-1970.01.01-00.00.00";
 
 // Makes directory `name` in `dirFd` unless it is there, and opens it.
 UniqueFd EnsureDir(int dirFd, const char* name) {
-  if (mkdirat(dirFd, name, kSnapshotDirMode) != 0 && errno != EEXIST) return UniqueFd();
-  return UniqueFd(openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  const bool made = mkdirat(dirFd, name, kSnapshotDirMode) == 0;
+  if (!made && errno != EEXIST) return UniqueFd();
+  UniqueFd dir(openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (made && dir.Valid() && fchmod(dir.Get(), kSnapshotDirMode) != 0) return UniqueFd();  // whatever the umask
+  return dir;
 }
 
 // The share's own subvolume, opened; invalid with the error set when what

@@ -86,8 +86,10 @@ void TopLevelMountOptions(const Mount& mount, unsigned long* flags, std::string*
 
 // "/volumeN" made when missing; it must be an empty directory, not a link.
 bool PrepareMountPoint(const std::string& path) {
-  if (mkdir(path.c_str(), kMountPointMode) != 0 && errno != EEXIST) return false;
+  const bool made = mkdir(path.c_str(), kMountPointMode) == 0;
+  if (!made && errno != EEXIST) return false;
   UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (made && fd.Valid() && fchmod(fd.Get(), kMountPointMode) != 0) return false;  // whatever the umask
   DIR* dir = fd.Valid() ? fdopendir(fd.Get()) : nullptr;
   if (dir == nullptr) return false;
   fd.Release();

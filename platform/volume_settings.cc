@@ -25,6 +25,7 @@ using vela::base::UniqueFd;
 constexpr char kSettingsPath[] = VELA_VOLUME_SETTINGS_PATH;
 constexpr char kLockPath[] = "/run/lock/vela-volumes.lock";
 constexpr mode_t kSettingsMode = 0644;
+constexpr mode_t kLockMode = 0600;
 constexpr mode_t kSettingsDirMode = 0755;
 // A settings file is a few lines; anything much larger is not one.
 constexpr size_t kMaxSettingsBytes = 1 << 20;
@@ -60,8 +61,10 @@ bool IsUuidText(const std::string& text) {
 }  // namespace
 
 UniqueFd LockVolumeSettings() {
-  UniqueFd fd(open(kLockPath, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
-  if (!fd.Valid()) return fd;
+  UniqueFd fd(open(kLockPath, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kLockMode));
+  // Root's alone whatever the umask: nobody else can hold it and stop the
+  // volumes from being changed.
+  if (!fd.Valid() || fchown(fd.Get(), 0, 0) != 0 || fchmod(fd.Get(), kLockMode) != 0) return UniqueFd();
   const int error = vela::base::WaitForRecordLock(fd.Get(), true, vela::base::LockWaitLimitMs());
   if (error != 0) {
     errno = error;
@@ -107,9 +110,10 @@ bool ReadVolumeSettings(std::vector<AdoptedVolume>* volumes, std::string* proble
 
 bool WriteVolumeSettings(const std::vector<AdoptedVolume>& volumes) {
   const std::string dirPath = DirOf(kSettingsPath);
-  if (mkdir(dirPath.c_str(), kSettingsDirMode) != 0 && errno != EEXIST) return false;
+  const bool made = mkdir(dirPath.c_str(), kSettingsDirMode) == 0;
+  if (!made && errno != EEXIST) return false;
   UniqueFd dir(open(dirPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!dir.Valid()) return false;
+  if (!dir.Valid() || (made && fchmod(dir.Get(), kSettingsDirMode) != 0)) return false;  // whatever the umask
   std::string text = kHeader;
   for (const AdoptedVolume& volume : volumes) text += std::to_string(volume.number) + " " + volume.uuid + "\n";
   return vela::base::AtomicReplace(dir.Get(), BaseOf(kSettingsPath), {kSettingsMode, 0, 0}, [&](int fd) {

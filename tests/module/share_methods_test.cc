@@ -145,7 +145,7 @@ TEST_F(ShareMethods, RangesSelectSnapshotsWithEqualBoundsSelectingAll) {
   // One snapshot in range, which is by creation time; share2's snapshot of
   // the same second stays out.
   WaitForNextSecond();
-  const TakenSnapshot& middle = Snapshot("share1");
+  const TakenSnapshot middle = Snapshot("share1");
   Snapshot("share2");
   WaitForNextSecond();
   WaitForNextSecond();  // past the range's end, which is a second after its start

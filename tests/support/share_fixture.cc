@@ -14,18 +14,10 @@
 
 namespace vela::test {
 
-std::string Compact(const Json::Value& value) {
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  return Json::writeString(builder, value);
-}
+namespace {
 
-std::string Answer(const VELA::APIResponse& response) {
-  if (!response.IsAnswered()) return "unanswered";
-  if (response.IsSuccess()) return "ok " + Compact(response.GetData());
-  return "error " + std::to_string(response.GetErrorCode());
-}
-
+// Takes a read-only snapshot of /volumeN/SHARE (its own name on that
+// volume) at DIR/ENTRY and returns how listings show it.
 TakenSnapshot TakeSnapshot(const BtrfsImage& volume, const std::string& share, const std::string& dir,
                            const std::string& entry) {
   MustRun({"mkdir", "-p", dir});
@@ -48,6 +40,20 @@ TakenSnapshot TakeSnapshot(const BtrfsImage& volume, const std::string& share, c
   return taken;
 }
 
+}  // namespace
+
+std::string Compact(const Json::Value& value) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  return Json::writeString(builder, value);
+}
+
+std::string Answer(const VELA::APIResponse& response) {
+  if (!response.IsAnswered()) return "unanswered";
+  if (response.IsSuccess()) return "ok " + Compact(response.GetData());
+  return "error " + std::to_string(response.GetErrorCode());
+}
+
 std::string StartParams(const std::string& share, long start, long end) {
   return R"({"share_name":")" + share + R"(","range":{"range_start":)" + std::to_string(start) +
          R"(,"range_end":)" + std::to_string(end) + "}}";
@@ -67,7 +73,7 @@ void ShareFixture::TearDown() {
   EXPECT_FALSE(HasChildren()) << "a calculator process was left behind";
 }
 
-const TakenSnapshot& ShareFixture::Snapshot(const std::string& share) {
+TakenSnapshot ShareFixture::Snapshot(const std::string& share) {
   std::vector<TakenSnapshot>& taken = snaps_[share];
   taken.push_back(TakeSnapshot(volume_, share, "/volume1/@snapshots/" + share, "s" + std::to_string(taken.size())));
   return taken.back();

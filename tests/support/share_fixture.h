@@ -34,10 +34,6 @@ struct TakenSnapshot {
   std::string path;  // where it lies
   unsigned long long id = 0;
 };
-// Takes a read-only snapshot of /volumeN/SHARE (its own name on that
-// volume) at DIR/ENTRY and returns how listings show it.
-TakenSnapshot TakeSnapshot(const BtrfsImage& volume, const std::string& share, const std::string& dir,
-                           const std::string& entry);
 
 class ShareFixture : public testing::Test {
  protected:
@@ -46,8 +42,8 @@ class ShareFixture : public testing::Test {
   // Every calculation must have ended by itself: nothing may be left.
   void TearDown() override;
 
-  // Takes a snapshot of the share and keeps it in snaps_.
-  const TakenSnapshot& Snapshot(const std::string& share);
+  // Takes a read-only snapshot of the share and keeps it in snaps_.
+  TakenSnapshot Snapshot(const std::string& share);
   std::string Call(const std::string& method, const std::string& params);
   // The share's state and error code, straight from its status record.
   std::string State(const std::string& share);
