@@ -70,7 +70,7 @@ for i in $(seq 1 8); do
   head -c $((i * 1024 * 1024)) /dev/urandom >"/volume1/$share/file-$i.bin"
   [ "$i" -gt 2 ] && rm -f "/volume1/$share/file-$((i - 2)).bin"
   sync
-  "$BUILD/tools/vela-share/vela-share" snapshot "$share" "$(date -u -d "@$((now - (9 - i) * 3600))" +GMT-%Y.%m.%d-%H.%M.%S)" >/dev/null
+  "$BUILD/tools/vela-share/vela-share" snapshot "$share" >/dev/null
 done
 
 mkdir -p "$work/modules"

@@ -29,19 +29,35 @@ std::string Unescape(const std::string& field) {
 // "ID PARENT MAJ:MIN ROOT POINT OPTIONS [OPTIONAL...] - FSTYPE SOURCE SUPER"
 bool ParseLine(const std::string& line, Mount* mount) {
   std::istringstream in(line);
-  std::string majorMinor, root, point, options, field;
-  if (!(in >> mount->id >> mount->parentId >> majorMinor >> root >> point >> options)) return false;
+  std::string root, point, field;  // the mounted directory of the file system is not needed
+  if (!(in >> mount->id >> mount->parentId >> mount->device >> root >> point >> mount->mountOptions)) return false;
   while (in >> field && field != "-") {
   }
-  std::string fsType, source;
-  if (field != "-" || !(in >> fsType >> source)) return false;
+  std::string source;
+  if (field != "-" || !(in >> mount->fsType >> source)) return false;
+  in >> mount->superOptions;
   mount->point = Unescape(point);
-  mount->fsType = fsType;
   mount->source = Unescape(source);
   return true;
 }
 
 }  // namespace
+
+bool FindOption(const std::string& options, const std::string& key, std::string* value) {
+  std::istringstream list(options);
+  std::string option;
+  while (std::getline(list, option, ',')) {
+    if (option == key) {
+      value->clear();
+      return true;
+    }
+    if (option.size() > key.size() && option.compare(0, key.size(), key) == 0 && option[key.size()] == '=') {
+      *value = option.substr(key.size() + 1);
+      return true;
+    }
+  }
+  return false;
+}
 
 bool ReadMounts(std::vector<Mount>* mounts) {
   FILE* file = fopen("/proc/self/mountinfo", "re");

@@ -1,7 +1,6 @@
 #include "vela/vela_share.h"
 
 #include <btrfsutil.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,14 +10,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
-#include <new>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "base/unique_fd.h"
-#include "mounts.h"
+#include "guarded_call.h"
+#include "share_catalogue.h"
+#include "snapshot_names.h"
+#include "snapshot_tool.h"
+#include "snapshot_view.h"
 #include "vela/vela_volume.h"
 #include "vela/vlib_error.h"
 
@@ -32,184 +33,53 @@ struct _tag_VELASNAPSELECTOR {
 namespace {
 
 using vela::base::UniqueFd;
+using vela::platform::GuardedCall;
+using vela::platform::ListedSnapshot;
+using vela::platform::ParseSnapName;
+using vela::platform::ShareCatalogue;
 
-constexpr char kSnapshotRoot[] = "@snapshots";
 constexpr mode_t kSnapshotDirMode = 0755;
-
-struct Volume {
-  int number;
-  std::string path;  // "/volumeN"
-  bool btrfs;
-};
-
-// Every file system mounted exactly at a "/volumeN", by N.
-bool MountedVolumes(std::vector<Volume>* volumes) {
-  std::vector<vela::platform::Mount> mounts;
-  if (!vela::platform::ReadMounts(&mounts)) return false;
-  std::map<int, Volume> byNumber;
-  for (const auto& mount : mounts) {
-    VOLUME_PATH_INFO info;
-    if (VolumePathParseEx(mount.point.c_str(), &info) == 0 && mount.point == info.szVolPath) {
-      byNumber[info.volume] = {info.volume, mount.point, mount.fsType == "btrfs"};
-    }
-  }
-  volumes->clear();
-  for (auto& [number, volume] : byNumber) volumes->push_back(std::move(volume));
-  return true;
-}
 
 // A name that can be one entry of a directory.
 bool IsEntryName(const char* name) {
-  return name != nullptr && *name != '\0' && strlen(name) < sizeof(VELASHARE{}.szName) &&
-         strchr(name, '/') == nullptr && strcmp(name, ".") != 0 && strcmp(name, "..") != 0;
+  return name != nullptr && VELAShareNameIsValid(name, strlen(name));
 }
 
-// Names beginning with "." or "@" are the system's own subvolumes (the
-// snapshot root among them), never shares.
-bool IsShareName(const char* name) { return IsEntryName(name) && name[0] != '.' && name[0] != '@'; }
+// Names beginning with "." are the system's own subvolumes, never shares.
+bool IsShareName(const char* name) { return IsEntryName(name) && name[0] != '.'; }
 
 UniqueFd OpenDir(const char* path) { return UniqueFd(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC)); }
 
-// The subvolume `name` right in directory `dirFd` (a link is no subvolume
-// here), opened; -1 when it is none.
-int OpenSubvolume(int dirFd, const char* name) {
-  UniqueFd fd(openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (fd.Get() < 0 || btrfs_util_is_subvolume_fd(fd.Get()) != BTRFS_UTIL_OK) return -1;
-  return fd.Release();
-}
-
-bool IsReadOnlySubvolume(int dirFd, const char* name) {
-  UniqueFd fd(OpenSubvolume(dirFd, name));
-  bool readOnly = false;
-  return fd.Get() >= 0 && btrfs_util_get_subvolume_read_only_fd(fd.Get(), &readOnly) == BTRFS_UTIL_OK &&
-         readOnly;
-}
-
-// The names of the entries of a directory, in byte order.
-bool EntryNames(int dirFd, std::vector<std::string>* names) {
-  // A descriptor of its own: closedir() closes it, and it reads from the
-  // start whatever was read through `dirFd`.
-  UniqueFd fd(openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  DIR* dir = fd.Get() >= 0 ? fdopendir(fd.Get()) : nullptr;
-  if (dir == nullptr) return false;
-  fd.Release();
-  errno = 0;
-  while (const struct dirent* entry = readdir(dir)) {
-    if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) names->emplace_back(entry->d_name);
-  }
-  const int readError = errno;
-  closedir(dir);
-  errno = readError;
-  std::sort(names->begin(), names->end());
-  return readError == 0;
-}
-
-// The share names of one volume, in byte order.
-bool ShareNames(const Volume& volume, std::vector<std::string>* names) {
-  UniqueFd dir(OpenDir(volume.path.c_str()));
-  std::vector<std::string> entries;
-  if (dir.Get() < 0 || !EntryNames(dir.Get(), &entries)) return false;
-  for (const std::string& name : entries) {
-    UniqueFd share(IsShareName(name.c_str()) ? OpenSubvolume(dir.Get(), name.c_str()) : -1);
-    if (share.Get() >= 0) names->push_back(name);
-  }
-  return true;
-}
-
 // A share record carries paths that are used to build others; one that
-// could lead outside its volume's snapshot directory is refused.
+// could lead outside its volume's directories is refused.
 bool IsValidShare(const VELASHARE* share) {
-  if (share == nullptr || !IsShareName(share->szName)) return false;
+  if (share == nullptr || !IsEntryName(share->szName)) return false;
   VOLUME_PATH_INFO info;
-  return VolumePathParseEx(share->szVolPath, &info) == 0 && strcmp(share->szVolPath, info.szVolPath) == 0;
+  return VolumePathParseEx(share->szVolPath, &info) == 0 && strcmp(share->szVolPath, info.szVolPath) == 0 &&
+         info.volume == share->volume;
 }
 
-std::string SnapshotRoot(const VELASHARE* share) {
-  return std::string(share->szVolPath) + "/" + kSnapshotRoot;
-}
-
-std::string SnapshotDir(const VELASHARE* share) { return SnapshotRoot(share) + "/" + share->szName; }
-
-// Makes directory `name` in `dirFd` unless it is there. False with errno.
-bool EnsureDir(int dirFd, const char* name) {
-  if (mkdirat(dirFd, name, kSnapshotDirMode) == 0) return true;
-  struct stat st;
-  if (errno != EEXIST) return false;
-  if (fstatat(dirFd, name, &st, 0) != 0) return false;
-  if (!S_ISDIR(st.st_mode)) {
-    errno = ENOTDIR;
+// The share's snapshots as they are now. False with the error set:
+// VLIB_ERR_NOT_FOUND when the share is gone from its volume.
+bool CurrentSnapshots(const VELASHARE* share, std::vector<ListedSnapshot>* snapshots) {
+  ShareCatalogue catalogue;
+  size_t volume = 0, subvolume = 0;
+  if (!catalogue.ReadOne(share->volume)) {
+    VLIBCErrSet(errno == ENOENT ? VLIB_ERR_NOT_FOUND : VLIB_ERR_SYSTEM);
     return false;
   }
+  if (!catalogue.FindByUuid(share->volume, share->uuid, &volume, &subvolume)) {
+    VLIBCErrSet(VLIB_ERR_NOT_FOUND);
+    return false;
+  }
+  *snapshots = catalogue.Snapshots(volume, subvolume);
   return true;
 }
 
-bool ParseDigits(const char* text, int count, int* value) {
-  *value = 0;
-  for (int i = 0; i < count; ++i) {
-    if (text[i] < '0' || text[i] > '9') return false;
-    *value = *value * 10 + (text[i] - '0');
+bool PassesAll(const VELASNAPSELECTOR* selectors, const char* name) {
+  for (const VELASNAPSELECTOR* s = selectors; s != nullptr; s = s->pNext) {
+    if (s->fn(name, s->szArg) != 1) return false;
   }
-  return true;
-}
-
-bool IsLeapYear(int year) { return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0; }
-
-int DaysInMonth(int year, int month) {
-  static const int kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-  return month == 2 && IsLeapYear(year) ? 29 : kDays[month - 1];
-}
-
-// "YYYY.MM.DD-HH.MM.SS" and nothing after it, as UTC.
-bool ParseUtcStamp(const char* text, time_t* time) {
-  if (strlen(text) != 19 || text[4] != '.' || text[7] != '.' || text[10] != '-' || text[13] != '.' ||
-      text[16] != '.') {
-    return false;
-  }
-  int year, month, day, hour, minute, second;
-  if (!ParseDigits(text, 4, &year) || !ParseDigits(text + 5, 2, &month) || !ParseDigits(text + 8, 2, &day) ||
-      !ParseDigits(text + 11, 2, &hour) || !ParseDigits(text + 14, 2, &minute) ||
-      !ParseDigits(text + 17, 2, &second)) {
-    return false;
-  }
-  if (month < 1 || month > 12 || day < 1 || day > DaysInMonth(year, month) || hour > 23 || minute > 59 ||
-      second > 59) {
-    return false;
-  }
-  struct tm broken = {};
-  broken.tm_year = year - 1900;
-  broken.tm_mon = month - 1;
-  broken.tm_mday = day;
-  broken.tm_hour = hour;
-  broken.tm_min = minute;
-  broken.tm_sec = second;
-  *time = timegm(&broken);
-  return true;
-}
-
-// "GMT-" + stamp (UTC), or "GMT" + sign + HH [+ MM when not 00] + "-" +
-// stamp (local time at that offset from UTC).
-bool ParseSnapName(const char* name, time_t* time) {
-  if (name == nullptr || strncmp(name, "GMT", 3) != 0) return false;
-  const char* p = name + 3;
-  if (p[0] != '+' && p[0] != '-') return false;
-  const int sign = p[0] == '+' ? 1 : -1;
-  int hours = 0, minutes = 0;
-  const char* stamp;
-  if (p[0] == '-' && ParseDigits(p + 1, 4, &hours) && p[5] == '.') {
-    hours = 0;  // the UTC form: the digits were the year
-    stamp = p + 1;
-  } else if (ParseDigits(p + 1, 2, &hours) && p[3] == '-') {
-    stamp = p + 4;
-  } else if (ParseDigits(p + 1, 2, &hours) && ParseDigits(p + 3, 2, &minutes) && p[5] == '-' && minutes != 0) {
-    stamp = p + 6;
-  } else {
-    return false;
-  }
-  // Zones in use lie between UTC-12 and UTC+14.
-  if (hours > 14 || minutes > 59) return false;
-  time_t local;
-  if (!ParseUtcStamp(stamp, &local)) return false;
-  *time = local - sign * (hours * 3600 + minutes * 60);
   return true;
 }
 
@@ -233,55 +103,25 @@ bool ParseTimeArg(const char* arg, Op* op, time_t* time) {
 // argument.
 constexpr char kProbeSnapName[] = "GMT-1970.01.01-00.00.00";
 
-bool PassesAll(const VELASNAPSELECTOR* selectors, const char* name) {
-  for (const VELASNAPSELECTOR* s = selectors; s != nullptr; s = s->pNext) {
-    if (s->fn(name, s->szArg) != 1) return false;
-  }
-  return true;
+// Makes directory `name` in `dirFd` unless it is there, and opens it.
+UniqueFd EnsureDir(int dirFd, const char* name) {
+  const bool made = mkdirat(dirFd, name, kSnapshotDirMode) == 0;
+  if (!made && errno != EEXIST) return UniqueFd();
+  UniqueFd dir(openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (made && dir.Valid() && fchmod(dir.Get(), kSnapshotDirMode) != 0) return UniqueFd();  // whatever the umask
+  return dir;
 }
 
-int SnapList(const VELASHARE* share, PVLIBSZLIST* ppNames, const VELASNAPSELECTOR* selectors) {
-  const std::string dirPath = SnapshotDir(share);
-  UniqueFd dir(OpenDir(dirPath.c_str()));
-  if (dir.Get() < 0) {
-    if (errno == ENOENT) return 0;
-    VLIBCErrSet(VLIB_ERR_SYSTEM);
-    return -1;
+// The share's own subvolume, opened; invalid with the error set when what
+// lies at its path is not that subvolume any more.
+UniqueFd OpenShare(const VELASHARE* share) {
+  UniqueFd fd(open(share->szPath, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  struct btrfs_util_subvolume_info info;
+  if (!fd.Valid() || btrfs_util_subvolume_info_fd(fd.Get(), 0, &info) != BTRFS_UTIL_OK ||
+      !std::equal(info.uuid, info.uuid + 16, share->uuid)) {
+    VLIBCErrSet(VLIB_ERR_NOT_FOUND);
+    return UniqueFd();
   }
-  std::vector<std::string> entries;
-  if (!EntryNames(dir.Get(), &entries)) {
-    VLIBCErrSet(VLIB_ERR_SYSTEM);
-    return -1;
-  }
-  std::vector<std::pair<time_t, std::string>> snapshots;
-  for (const std::string& name : entries) {
-    time_t time;
-    if (ParseSnapName(name.c_str(), &time) && IsReadOnlySubvolume(dir.Get(), name.c_str()) &&
-        PassesAll(selectors, name.c_str())) {
-      snapshots.emplace_back(time, name);
-    }
-  }
-  std::sort(snapshots.begin(), snapshots.end());
-  for (const auto& snapshot : snapshots) {
-    if (VLIBCSzListPush(ppNames, snapshot.second.c_str()) < 0) return -1;
-  }
-  return static_cast<int>(snapshots.size());
-}
-
-// Creates the snapshot directory and returns it opened.
-UniqueFd MakeSnapshotDir(const VELASHARE* share) {
-  UniqueFd volume(OpenDir(share->szVolPath));
-  if (volume.Get() < 0 || !EnsureDir(volume.Get(), kSnapshotRoot)) return UniqueFd();
-  UniqueFd root(openat(volume.Get(), kSnapshotRoot, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (root.Get() < 0 || !EnsureDir(root.Get(), share->szName)) return UniqueFd();
-  return UniqueFd(openat(root.Get(), share->szName, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-}
-
-// The share's subvolume, opened; -1 with the error set when it is gone.
-int OpenShare(const VELASHARE* share) {
-  UniqueFd volume(OpenDir(share->szVolPath));
-  const int fd = volume.Get() >= 0 ? OpenSubvolume(volume.Get(), share->szName) : -1;
-  if (fd < 0) VLIBCErrSet(VLIB_ERR_NOT_FOUND);
   return fd;
 }
 
@@ -289,44 +129,47 @@ int ErrorOfErrno() { return errno == EEXIST ? VLIB_ERR_EXISTS : VLIB_ERR_SYSTEM;
 
 }  // namespace
 
+BOOL VELAShareNameIsValid(const char* sz, size_t length) {
+  if (sz == nullptr || length == 0 || length > 255 || memchr(sz, '\0', length) != nullptr ||
+      memchr(sz, '/', length) != nullptr) {
+    return FALSE;
+  }
+  const std::string name(sz, length);
+  return name != "." && name != ".." ? TRUE : FALSE;
+}
+
 int VELAShareGet(const char* szName, PVELASHARE* ppShare) {
   if (!IsEntryName(szName) || ppShare == nullptr) {
     VLIBCErrSet(VLIB_ERR_BAD_PARAMETERS);
     return -1;
   }
-  if (!IsShareName(szName)) {
-    VLIBCErrSet(VLIB_ERR_NOT_FOUND);
-    return -1;
-  }
-  try {
-    std::vector<Volume> volumes;
-    if (!MountedVolumes(&volumes)) {
+  return GuardedCall([&] {
+    ShareCatalogue catalogue;
+    if (!catalogue.ReadAll()) {
       VLIBCErrSet(VLIB_ERR_SYSTEM);
       return -1;
     }
-    for (const Volume& volume : volumes) {
-      if (!volume.btrfs) continue;
-      UniqueFd dir(OpenDir(volume.path.c_str()));
-      UniqueFd share(dir.Get() >= 0 ? OpenSubvolume(dir.Get(), szName) : -1);
-      if (share.Get() < 0) continue;
-      auto* record = static_cast<PVELASHARE>(calloc(1, sizeof(VELASHARE)));
-      if (record == nullptr) {
-        VLIBCErrSet(VLIB_ERR_OUT_OF_MEMORY);
-        return -1;
-      }
-      snprintf(record->szName, sizeof(record->szName), "%s", szName);
-      snprintf(record->szPath, sizeof(record->szPath), "%s/%s", volume.path.c_str(), szName);
-      snprintf(record->szVolPath, sizeof(record->szVolPath), "%s", volume.path.c_str());
-      record->volume = volume.number;
-      *ppShare = record;
-      return 0;
+    const vela::platform::NamedShare* found = catalogue.Find(szName);
+    if (found == nullptr) {
+      VLIBCErrSet(VLIB_ERR_NOT_FOUND);
+      return -1;
     }
-  } catch (const std::bad_alloc&) {
-    VLIBCErrSet(VLIB_ERR_OUT_OF_MEMORY);
-    return -1;
-  }
-  VLIBCErrSet(VLIB_ERR_NOT_FOUND);
-  return -1;
+    const vela::platform::VolumeCatalogue& volume = catalogue.Volumes()[found->volume];
+    const vela::platform::Subvolume& subvolume = catalogue.SubvolumeOf(*found);
+    auto* record = static_cast<PVELASHARE>(calloc(1, sizeof(VELASHARE)));
+    if (record == nullptr) {
+      VLIBCErrSet(VLIB_ERR_OUT_OF_MEMORY);
+      return -1;
+    }
+    snprintf(record->szName, sizeof(record->szName), "%s", szName);
+    snprintf(record->szPath, sizeof(record->szPath), "%s/%s", volume.mountPath.c_str(), subvolume.path.c_str());
+    snprintf(record->szVolPath, sizeof(record->szVolPath), "%s", volume.mountPath.c_str());
+    record->volume = volume.volume;
+    record->subvolId = subvolume.id;
+    memcpy(record->uuid, subvolume.uuid, sizeof(record->uuid));
+    *ppShare = record;
+    return 0;
+  });
 }
 
 void VELAShareFree(PVELASHARE pShare) { free(pShare); }
@@ -336,27 +179,17 @@ int VELAShareEnum(PVLIBSZLIST* ppList, int /*flags*/) {
     VLIBCErrSet(VLIB_ERR_BAD_PARAMETERS);
     return -1;
   }
-  try {
-    std::vector<Volume> volumes;
-    if (!MountedVolumes(&volumes)) {
+  return GuardedCall([&] {
+    ShareCatalogue catalogue;
+    if (!catalogue.ReadAll()) {
       VLIBCErrSet(VLIB_ERR_SYSTEM);
       return -1;
     }
-    int pushed = 0;
-    for (const Volume& volume : volumes) {
-      std::vector<std::string> names;
-      // A volume that cannot be read hides its own shares, not the others'.
-      if (!volume.btrfs || !ShareNames(volume, &names)) continue;
-      for (const std::string& name : names) {
-        if (VLIBCSzListPush(ppList, name.c_str()) < 0) return -1;
-        ++pushed;
-      }
+    for (const auto& share : catalogue.Shares()) {
+      if (VLIBCSzListPush(ppList, share.name.c_str()) < 0) return -1;
     }
-    return pushed;
-  } catch (const std::bad_alloc&) {
-    VLIBCErrSet(VLIB_ERR_OUT_OF_MEMORY);
-    return -1;
-  }
+    return static_cast<int>(catalogue.Shares().size());
+  });
 }
 
 int VELAShareSnapTimeSelector(const char* szSnapName, const char* szArg) {
@@ -408,40 +241,84 @@ int VELAShareSnapList(PVELASHARE pShare, PVLIBSZLIST* ppNames, PVELASNAPSELECTOR
     VLIBCErrSet(VLIB_ERR_BAD_PARAMETERS);
     return -1;
   }
-  try {
-    return SnapList(pShare, ppNames, pSelectors);
-  } catch (const std::bad_alloc&) {
-    VLIBCErrSet(VLIB_ERR_OUT_OF_MEMORY);
+  return GuardedCall([&] {
+    std::vector<ListedSnapshot> snapshots;
+    if (!CurrentSnapshots(pShare, &snapshots)) return -1;
+    int pushed = 0;
+    for (const ListedSnapshot& snapshot : snapshots) {
+      if (!PassesAll(pSelectors, snapshot.name.c_str())) continue;
+      if (VLIBCSzListPush(ppNames, snapshot.name.c_str()) < 0) return -1;
+      ++pushed;
+    }
+    return pushed;
+  });
+}
+
+int VELAShareSnapInfoList(PVELASHARE pShare, PVELASNAPINFO* ppInfo) {
+  if (!IsValidShare(pShare) || ppInfo == nullptr) {
+    VLIBCErrSet(VLIB_ERR_BAD_PARAMETERS);
     return -1;
   }
+  return GuardedCall([&] {
+    std::vector<ListedSnapshot> snapshots;
+    if (!CurrentSnapshots(pShare, &snapshots)) return -1;
+    *ppInfo = nullptr;
+    if (snapshots.empty()) return 0;
+    auto* infos = static_cast<PVELASNAPINFO>(calloc(snapshots.size(), sizeof(VELASNAPINFO)));
+    if (infos == nullptr) {
+      VLIBCErrSet(VLIB_ERR_OUT_OF_MEMORY);
+      return -1;
+    }
+    for (size_t i = 0; i < snapshots.size(); ++i) {
+      const ListedSnapshot& snapshot = snapshots[i];
+      snprintf(infos[i].szName, sizeof(infos[i].szName), "%s", snapshot.name.c_str());
+      infos[i].time = snapshot.otime.tv_sec;
+      infos[i].subvolId = snapshot.id;
+      infos[i].readOnly = snapshot.readOnly ? TRUE : FALSE;
+      snprintf(infos[i].szTool, sizeof(infos[i].szTool), "%s", snapshot.tool);
+      snprintf(infos[i].szPath, sizeof(infos[i].szPath), "%s", snapshot.path.c_str());
+    }
+    *ppInfo = infos;
+    return static_cast<int>(snapshots.size());
+  });
 }
+
+void VELAShareSnapInfoFree(PVELASNAPINFO pInfo) { free(pInfo); }
 
 int VELAShareSnapGetOrCreateSnapDir(PVELASHARE pShare, char* buf, int size, int flags) {
   if (!IsValidShare(pShare) || buf == nullptr || size <= 0 || flags != 0) {
     VLIBCErrSet(VLIB_ERR_BAD_PARAMETERS);
     return -1;
   }
-  try {
-    const std::string path = SnapshotDir(pShare);
+  return GuardedCall([&] {
+    const std::string path = vela::platform::SnapshotViewDir(pShare->volume, pShare->szName);
     if (path.size() >= static_cast<size_t>(size)) {
       VLIBCErrSet(VLIB_ERR_BAD_PARAMETERS);
       return -1;
     }
-    // Only for a share that is there: a stale record must not leave
-    // directories on whatever now lies at its volume's path.
-    UniqueFd share(OpenShare(pShare));
-    if (share.Get() < 0) return -1;
-    UniqueFd dir(MakeSnapshotDir(pShare));
-    if (dir.Get() < 0) {
-      VLIBCErrSet(VLIB_ERR_SYSTEM);
+    // Only for a share that is there: a stale record leaves nothing behind.
+    std::vector<ListedSnapshot> snapshots;
+    if (!CurrentSnapshots(pShare, &snapshots)) return -1;
+    int listError = VLIB_ERR_NONE;
+    std::string refusal;
+    const bool built = vela::platform::RebuildSnapshotView(
+        pShare->volume, pShare->szName,
+        [&](std::vector<std::pair<std::string, std::string>>* links) {
+          if (!CurrentSnapshots(pShare, &snapshots)) {
+            listError = VLIBCErrGet();
+            return false;
+          }
+          for (const ListedSnapshot& snapshot : snapshots) links->emplace_back(snapshot.name, snapshot.path);
+          return true;
+        },
+        &refusal);
+    if (!built) {
+      VLIBCErrSet(listError != VLIB_ERR_NONE ? listError : VLIB_ERR_SYSTEM);
       return -1;
     }
     memcpy(buf, path.c_str(), path.size() + 1);
     return 1;
-  } catch (const std::bad_alloc&) {
-    VLIBCErrSet(VLIB_ERR_OUT_OF_MEMORY);
-    return -1;
-  }
+  });
 }
 
 int VELAShareSnapTimeGet(const char* szSnapName, time_t* pTime) {
@@ -454,24 +331,32 @@ int VELAShareSnapTimeGet(const char* szSnapName, time_t* pTime) {
   return 0;
 }
 
+int VELAShareSnapNameMake(time_t t, BOOL localTime, char* buf, size_t size) {
+  if (buf == nullptr) {
+    VLIBCErrSet(VLIB_ERR_BAD_PARAMETERS);
+    return -1;
+  }
+  if (!vela::platform::MakeSnapName(t, localTime == TRUE, buf, size)) {
+    VLIBCErrSet(VLIB_ERR_OPERATION_FAILED);
+    return -1;
+  }
+  return 0;
+}
+
 int VELAShareCreate(int volume, const char* szName) {
   if (volume < 1 || !IsShareName(szName)) {
     VLIBCErrSet(VLIB_ERR_BAD_PARAMETERS);
     return -1;
   }
-  try {
-    std::vector<Volume> volumes;
-    if (!MountedVolumes(&volumes)) {
-      VLIBCErrSet(VLIB_ERR_SYSTEM);
-      return -1;
-    }
-    const auto found = std::find_if(volumes.begin(), volumes.end(),
-                                    [volume](const Volume& v) { return v.number == volume; });
-    if (found == volumes.end()) {
+  return GuardedCall([&] {
+    VELAMOUNTVOLINFO info;
+    char volumePath[64];
+    if (VELAVolumePathGet(volume, volumePath, sizeof(volumePath)) != 0) return -1;
+    if (VELAMountVolInfoGet(volumePath, &info) != 0 || info.volume != volume) {
       VLIBCErrSet(VLIB_ERR_NOT_FOUND);
       return -1;
     }
-    if (!found->btrfs) {
+    if (info.fsType != VELA_FS_TYPE_BTRFS) {
       VLIBCErrSet(VLIB_ERR_BAD_FS_TYPE);
       return -1;
     }
@@ -483,22 +368,18 @@ int VELAShareCreate(int volume, const char* szName) {
       VLIBCErrSet(VLIB_ERR_EXISTS);
       return -1;
     }
-    UniqueFd dir(OpenDir(found->path.c_str()));
+    UniqueFd dir(OpenDir(volumePath));
     struct stat st;
-    if (dir.Get() >= 0 && fstatat(dir.Get(), szName, &st, AT_SYMLINK_NOFOLLOW) == 0) {
+    if (dir.Valid() && fstatat(dir.Get(), szName, &st, AT_SYMLINK_NOFOLLOW) == 0) {
       VLIBCErrSet(VLIB_ERR_EXISTS);
       return -1;
     }
-    if (dir.Get() < 0 ||
-        btrfs_util_create_subvolume_fd(dir.Get(), szName, 0, nullptr, nullptr) != BTRFS_UTIL_OK) {
+    if (!dir.Valid() || btrfs_util_create_subvolume_fd(dir.Get(), szName, 0, nullptr, nullptr) != BTRFS_UTIL_OK) {
       VLIBCErrSet(ErrorOfErrno());
       return -1;
     }
     return 0;
-  } catch (const std::bad_alloc&) {
-    VLIBCErrSet(VLIB_ERR_OUT_OF_MEMORY);
-    return -1;
-  }
+  });
 }
 
 int VELAShareSnapCreate(PVELASHARE pShare, const char* szSnapName) {
@@ -507,29 +388,26 @@ int VELAShareSnapCreate(PVELASHARE pShare, const char* szSnapName) {
     VLIBCErrSet(VLIB_ERR_BAD_PARAMETERS);
     return -1;
   }
-  try {
-    UniqueFd share(OpenShare(pShare));
-    if (share.Get() < 0) return -1;
-    UniqueFd dir(MakeSnapshotDir(pShare));
-    if (dir.Get() < 0) {
-      VLIBCErrSet(VLIB_ERR_SYSTEM);
-      return -1;
-    }
-    struct stat st;
-    if (fstatat(dir.Get(), szSnapName, &st, AT_SYMLINK_NOFOLLOW) == 0) {
-      VLIBCErrSet(VLIB_ERR_EXISTS);
-      return -1;
-    }
-    if (btrfs_util_create_snapshot_fd2(share.Get(), dir.Get(), szSnapName, BTRFS_UTIL_CREATE_SNAPSHOT_READ_ONLY,
-                                       nullptr, nullptr) != BTRFS_UTIL_OK) {
-      VLIBCErrSet(ErrorOfErrno());
-      return -1;
-    }
-    return 0;
-  } catch (const std::bad_alloc&) {
-    VLIBCErrSet(VLIB_ERR_OUT_OF_MEMORY);
+  UniqueFd share(OpenShare(pShare));
+  if (!share.Valid()) return -1;
+  UniqueFd volume(OpenDir(pShare->szVolPath));
+  UniqueFd root = volume.Valid() ? EnsureDir(volume.Get(), vela::platform::kOwnSnapshotRoot) : UniqueFd();
+  UniqueFd dir = root.Valid() ? EnsureDir(root.Get(), pShare->szName) : UniqueFd();
+  if (!dir.Valid()) {
+    VLIBCErrSet(VLIB_ERR_SYSTEM);
     return -1;
   }
+  struct stat st;
+  if (fstatat(dir.Get(), szSnapName, &st, AT_SYMLINK_NOFOLLOW) == 0) {
+    VLIBCErrSet(VLIB_ERR_EXISTS);
+    return -1;
+  }
+  if (btrfs_util_create_snapshot_fd2(share.Get(), dir.Get(), szSnapName, BTRFS_UTIL_CREATE_SNAPSHOT_READ_ONLY,
+                                     nullptr, nullptr) != BTRFS_UTIL_OK) {
+    VLIBCErrSet(ErrorOfErrno());
+    return -1;
+  }
+  return 0;
 }
 
 int VELAShareSnapDelete(PVELASHARE pShare, const char* szSnapName) {
@@ -538,21 +416,23 @@ int VELAShareSnapDelete(PVELASHARE pShare, const char* szSnapName) {
     VLIBCErrSet(VLIB_ERR_BAD_PARAMETERS);
     return -1;
   }
-  try {
-    UniqueFd dir(OpenDir(SnapshotDir(pShare).c_str()));
-    // Only what listing shows is a snapshot; anything else of that name in
-    // the directory is not this call's to delete.
-    if (dir.Get() < 0 || !IsReadOnlySubvolume(dir.Get(), szSnapName)) {
-      VLIBCErrSet(dir.Get() < 0 && errno != ENOENT ? VLIB_ERR_SYSTEM : VLIB_ERR_NOT_FOUND);
+  return GuardedCall([&] {
+    std::vector<ListedSnapshot> snapshots;
+    if (!CurrentSnapshots(pShare, &snapshots)) return -1;
+    const auto found = std::find_if(snapshots.begin(), snapshots.end(), [&](const ListedSnapshot& s) {
+      return s.name == szSnapName && strcmp(s.tool, "vela-share") == 0;
+    });
+    if (found == snapshots.end()) {
+      VLIBCErrSet(VLIB_ERR_NOT_FOUND);
       return -1;
     }
-    if (btrfs_util_delete_subvolume_fd(dir.Get(), szSnapName, 0) != BTRFS_UTIL_OK) {
+    const size_t slash = found->path.rfind('/');
+    UniqueFd dir(OpenDir(found->path.substr(0, slash).c_str()));
+    if (!dir.Valid() ||
+        btrfs_util_delete_subvolume_fd(dir.Get(), found->path.c_str() + slash + 1, 0) != BTRFS_UTIL_OK) {
       VLIBCErrSet(VLIB_ERR_SYSTEM);
       return -1;
     }
     return 0;
-  } catch (const std::bad_alloc&) {
-    VLIBCErrSet(VLIB_ERR_OUT_OF_MEMORY);
-    return -1;
-  }
+  });
 }

@@ -8,19 +8,13 @@
 #include <string>
 #include <vector>
 
-#include "mounts.h"
+#include "mounted_volumes.h"
+#include "snapshot_view.h"
 #include "vela/vlib_error.h"
 
 namespace {
 
 constexpr char kVolumePrefix[] = "/volume";
-
-int FsTypeCode(const std::string& fsType) {
-  if (fsType == "btrfs") return VELA_FS_TYPE_BTRFS;
-  if (fsType == "ext4") return VELA_FS_TYPE_EXT4;
-  if (fsType == "xfs") return VELA_FS_TYPE_XFS;
-  return VELA_FS_TYPE_UNKNOWN;
-}
 
 bool IsPathPrefix(const std::string& prefix, const std::string& path) {
   if (prefix == "/") return true;
@@ -34,6 +28,11 @@ int VolumePathParseEx(const char* szPath, PVOLUME_PATH_INFO pInfo) {
   if (szPath == nullptr || pInfo == nullptr) {
     VLIBCErrSet(VLIB_ERR_BAD_PARAMETERS);
     return -1;
+  }
+  // A share's snapshot directory lies beside the volumes and belongs to one.
+  const size_t viewLength = sizeof(vela::platform::kSnapshotViewRoot) - 1;
+  if (strncmp(szPath, vela::platform::kSnapshotViewRoot, viewLength) == 0 && szPath[viewLength] == '/') {
+    szPath += viewLength;
   }
   const size_t prefixLength = sizeof(kVolumePrefix) - 1;
   if (strncmp(szPath, kVolumePrefix, prefixLength) != 0) {
@@ -88,8 +87,17 @@ int VELAMountVolInfoGet(const char* szPath, PVELAMOUNTVOLINFO pInfo) {
     return -1;
   }
   pInfo->volume = volume.volume;
-  pInfo->fsType = FsTypeCode(holder->fsType);
+  pInfo->fsType = vela::platform::FsTypeCode(holder->fsType);
   snprintf(pInfo->szMountPath, sizeof(pInfo->szMountPath), "%s", volume.szVolPath);
   snprintf(pInfo->szDevice, sizeof(pInfo->szDevice), "%s", holder->source.c_str());
+  return 0;
+}
+
+int VELAVolumePathGet(int volume, char* buf, int size) {
+  if (volume < 1 || buf == nullptr || size <= 0 ||
+      snprintf(buf, static_cast<size_t>(size), "%s%d", kVolumePrefix, volume) >= size) {
+    VLIBCErrSet(VLIB_ERR_BAD_PARAMETERS);
+    return -1;
+  }
   return 0;
 }

@@ -9,6 +9,10 @@
 # background) and prints the address of the administrator's page and how
 # to log in there.
 #
+# With --install-only it stops once the project is installed: on a machine
+# of one's own, the next steps are "vela-share volume add /" and
+# "systemctl enable --now vela-volumes vela-webapid".
+#
 # Environment: VELA_DEMO_IMAGE (default /var/lib/velabtrfssnapusage-demo/volume1.img),
 # VELA_DEMO_SHARE (default demo).
 set -euo pipefail
@@ -19,6 +23,12 @@ cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j "$(nproc)"
 cmake --install build >/dev/null
 export PATH=/usr/local/bin:/usr/local/sbin:$PATH
+if [ "${1:-}" = --install-only ]; then
+  [ -d /run/systemd/system ] && systemctl daemon-reload
+  echo "Installed. Next: vela-share volume add / (or any path on btrfs), then"
+  echo "systemctl enable --now vela-volumes vela-webapid"
+  exit 0
+fi
 
 api=VELA.Snap.Usage.Share
 share=${VELA_DEMO_SHARE:-demo}
@@ -38,13 +48,12 @@ if [ "$(findmnt -n -o FSTYPE /volume1 2>/dev/null)" != btrfs ]; then
   echo "== mounted $image at /volume1"
 fi
 
-# The share and its snapshots: one an hour for the last five hours, with
-# the share's contents changing between them.
+# The share and its snapshots: five, a second apart, with the share's
+# contents changing between them.
 if ! vela-share list | cut -f1 | grep -qx "$share"; then
   echo "== creating share $share with 5 snapshots"
   vela-share create 1 "$share"
   dir=/volume1/$share
-  now=$(date +%s)
   for i in 1 2 3 4 5; do
     case $i in
       1)
@@ -63,8 +72,9 @@ if ! vela-share list | cut -f1 | grep -qx "$share"; then
       5) cp --reflink=always "$dir/video.bin" "$dir/video-copy.bin"; head -c 4M /dev/urandom >>"$dir/base.bin" ;;
     esac
     sync
-    name=$(date -d "@$((now - (6 - i) * 3600))" +GMT%z-%Y.%m.%d-%H.%M.%S | sed -E 's/^GMT([+-][0-9]{2})00-/GMT\1-/')
-    vela-share snapshot "$share" "$name" >/dev/null
+    # A snapshot's time is when it was taken: a second apart, each has its own.
+    [ "$i" -gt 1 ] && sleep 1
+    vela-share snapshot "$share" >/dev/null
   done
 fi
 echo "== snapshots of $share"

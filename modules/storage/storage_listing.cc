@@ -1,19 +1,15 @@
 #include "storage_listing.h"
 
-#include <sys/statvfs.h>
 #include <syslog.h>
 
 #include <memory>
 #include <string>
 
 #include "root_section.h"
+#include "vela/sz_list.h"
 #include "vela/vela_share.h"
 #include "vela/vela_volume.h"
 #include "vela/vlib_error.h"
-#include "vela/vlib_file.h"
-#include "vela/vlib_szlist.h"
-#include "velabtrfssnapusage/btrfs_tool.h"
-#include "velabtrfssnapusage/share_snap_usage_cal.h"
 
 namespace VelaStorageWebAPI {
 
@@ -23,19 +19,9 @@ constexpr int kErrorFailure = 1;
 constexpr int kErrorBadParameter = 3;
 constexpr int kErrorNotFound = 8;
 
-using ListPtr = std::unique_ptr<VLIBSZLIST, decltype(&VLIBCSzListFree)>;
 using SharePtr = std::unique_ptr<VELASHARE, decltype(&VELAShareFree)>;
-
-ListPtr NewList() { return ListPtr(VLIBCSzListAlloc(64), &VLIBCSzListFree); }
-
-// Pushes onto a list owned by a ListPtr (a push may move the list).
-template <typename Fill>
-int FillList(ListPtr& list, Fill fill) {
-  PVLIBSZLIST raw = list.release();
-  const int result = fill(&raw);
-  list.reset(raw);
-  return result;
-}
+using SnapshotsPtr = std::unique_ptr<VELASNAPINFO, decltype(&VELAShareSnapInfoFree)>;
+using VolumesPtr = std::unique_ptr<VELAVOLUME, decltype(&VELAVolumeEnumFree)>;
 
 void LogPlatformFailure(const char* what, const std::string& subject) {
   syslog(LOG_ERR, "storage listing: %s [%s] failed [0x%04X %s:%d]", what, subject.c_str(), VLIBCErrGet(),
@@ -51,50 +37,40 @@ const char* FsTypeName(int type) {
   }
 }
 
-// The share's snapshot names, oldest first; false when they cannot be listed.
-bool SnapshotNames(VELASHARE* share, ListPtr& names) {
-  names = NewList();
-  if (names == nullptr) return false;
-  return FillList(names, [share](PVLIBSZLIST* list) { return VELAShareSnapList(share, list, nullptr); }) >= 0;
-}
-
-Json::Value SnapshotTime(const char* name) {
-  time_t t = 0;
-  if (VELAShareSnapTimeGet(name, &t) != 0) return Json::Value();
-  return static_cast<Json::Int64>(t);
+// The share's snapshots, oldest first; a negative count when they cannot
+// be listed (the platform error says why).
+int Snapshots(VELASHARE* share, SnapshotsPtr& snapshots) {
+  PVELASNAPINFO raw = nullptr;
+  const int count = VELAShareSnapInfoList(share, &raw);
+  snapshots.reset(raw);
+  return count;
 }
 
 }  // namespace
 
 void StorageListing::ListVolumes(VELA::APIRequest*, VELA::APIResponse* response) {
   RootSection root;
-  ListPtr entries = NewList();
-  if (entries == nullptr ||
-      FillList(entries, [](PVLIBSZLIST* list) { return VLIBCFileEnumDir("/", 0, list, 0); }) < 0) {
-    LogPlatformFailure("VLIBCFileEnumDir", "/");
+  PVELAVOLUME raw = nullptr;
+  const int count = VELAVolumeEnum(&raw);
+  const VolumesPtr list(raw, &VELAVolumeEnumFree);
+  if (count < 0) {
+    LogPlatformFailure("VELAVolumeEnum", "");
     response->SetError(kErrorFailure);
     return;
   }
   Json::Value volumes(Json::arrayValue);
-  for (int i = 0; i < entries->nItem; ++i) {
-    const std::string path = std::string("/") + VLIBCSzListGet(entries.get(), i);
-    VOLUME_PATH_INFO pathInfo;
-    VELAMOUNTVOLINFO mount;
-    // A mount point without its file system is no volume.
-    if (VolumePathParseEx(path.c_str(), &pathInfo) != 0 || path != pathInfo.szVolPath ||
-        VELAMountVolInfoGet(path.c_str(), &mount) != 0 || mount.volume != pathInfo.volume) {
-      continue;
-    }
+  for (int i = 0; i < count; ++i) {
+    const VELAVOLUME& v = list.get()[i];
+    // An adopted file system that is not mounted now has nothing to show.
+    if (!v.mounted) continue;
     Json::Value volume;
-    volume["volume"] = mount.volume;
-    volume["path"] = mount.szMountPath;
-    volume["fs_type"] = FsTypeName(mount.fsType);
-    volume["device"] = mount.szDevice;
-    struct statvfs fs;
-    if (statvfs(path.c_str(), &fs) == 0) {
-      volume["size_bytes"] = static_cast<Json::UInt64>(fs.f_blocks) * fs.f_frsize;
-      volume["free_bytes"] = static_cast<Json::UInt64>(fs.f_bavail) * fs.f_frsize;
-    }
+    volume["volume"] = v.volume;
+    volume["path"] = v.szPath;
+    volume["fs_type"] = FsTypeName(v.fsType);
+    volume["device"] = v.szDevice;
+    volume["adopted"] = v.adopted == TRUE;
+    volume["size_bytes"] = static_cast<Json::UInt64>(v.sizeBytes);
+    volume["free_bytes"] = static_cast<Json::UInt64>(v.freeBytes);
     volumes.append(volume);
   }
   Json::Value data;
@@ -104,22 +80,24 @@ void StorageListing::ListVolumes(VELA::APIRequest*, VELA::APIResponse* response)
 
 void StorageListing::ListShares(VELA::APIRequest*, VELA::APIResponse* response) {
   RootSection root;
-  ListPtr names = NewList();
-  if (names == nullptr || FillList(names, [](PVLIBSZLIST* list) { return VELAShareEnum(list, 0); }) < 0) {
+  vela::platform::SzList names;
+  if (!names.Ok() || VELAShareEnum(names.Address(), 0) < 0) {
     LogPlatformFailure("VELAShareEnum", "");
     response->SetError(kErrorFailure);
     return;
   }
   Json::Value shares(Json::arrayValue);
-  for (int i = 0; i < names->nItem; ++i) {
-    const char* name = VLIBCSzListGet(names.get(), i);
+  for (int i = 0; i < names.Count(); ++i) {
+    const char* name = names.At(i);
     PVELASHARE raw = nullptr;
     // A share removed since it was listed is simply not shown.
     if (VELAShareGet(name, &raw) != 0) continue;
     const SharePtr share(raw, &VELAShareFree);
-    ListPtr snapshots(nullptr, &VLIBCSzListFree);
-    if (!SnapshotNames(share.get(), snapshots)) {
-      LogPlatformFailure("VELAShareSnapList", name);
+    SnapshotsPtr snapshots(nullptr, &VELAShareSnapInfoFree);
+    const int count = Snapshots(share.get(), snapshots);
+    if (count < 0 && VLIBCErrGet() == VLIB_ERR_NOT_FOUND) continue;
+    if (count < 0) {
+      LogPlatformFailure("VELAShareSnapInfoList", name);
       response->SetError(kErrorFailure);
       return;
     }
@@ -127,10 +105,10 @@ void StorageListing::ListShares(VELA::APIRequest*, VELA::APIResponse* response) 
     entry["name"] = share->szName;
     entry["volume"] = share->volume;
     entry["path"] = share->szPath;
-    entry["snapshot_count"] = snapshots->nItem;
-    if (snapshots->nItem > 0) {
-      entry["first_snapshot_time"] = SnapshotTime(VLIBCSzListGet(snapshots.get(), 0));
-      entry["last_snapshot_time"] = SnapshotTime(VLIBCSzListGet(snapshots.get(), snapshots->nItem - 1));
+    entry["snapshot_count"] = count;
+    if (count > 0) {
+      entry["first_snapshot_time"] = static_cast<Json::Int64>(snapshots.get()[0].time);
+      entry["last_snapshot_time"] = static_cast<Json::Int64>(snapshots.get()[count - 1].time);
     }
     shares.append(entry);
   }
@@ -142,49 +120,36 @@ void StorageListing::ListShares(VELA::APIRequest*, VELA::APIResponse* response) 
 void StorageListing::ListSnapshots(VELA::APIRequest* request, VELA::APIResponse* response) {
   const auto shareName = request->GetAndCheckString("share_name", VELA::APIRequest::PARAM_REQUIRED, nullptr);
   const std::string& name = shareName.Get();
-  if (shareName.IsInvalid() || name.empty() || !VelaBtrfsUsage::IsShareNameSafe(name)) {
+  if (shareName.IsInvalid() || !VELAShareNameIsValid(name.data(), name.size())) {
     response->SetError(kErrorBadParameter);
     return;
   }
   RootSection root;
   PVELASHARE raw = nullptr;
-  if (VELAShareGet(name.c_str(), &raw) != 0) {
+  SnapshotsPtr snapshots(nullptr, &VELAShareSnapInfoFree);
+  const int count = VELAShareGet(name.c_str(), &raw) == 0 ? Snapshots(raw, snapshots) : -1;
+  const SharePtr share(raw, &VELAShareFree);
+  if (count < 0) {
     const bool missing = VLIBCErrGet() == VLIB_ERR_NOT_FOUND;
-    if (!missing) LogPlatformFailure("VELAShareGet", name);
+    if (!missing) LogPlatformFailure("VELAShareSnapInfoList", name);
     response->SetError(missing ? kErrorNotFound : kErrorFailure);
     return;
   }
-  const SharePtr share(raw, &VELAShareFree);
-  ListPtr names(nullptr, &VLIBCSzListFree);
-  if (!SnapshotNames(share.get(), names)) {
-    LogPlatformFailure("VELAShareSnapList", name);
-    response->SetError(kErrorFailure);
-    return;
-  }
-  Json::Value snapshots(Json::arrayValue);
-  char dir[4096] = "";
-  // The directory exists when there are snapshots, so nothing is created.
-  if (names->nItem > 0 && VELAShareSnapGetOrCreateSnapDir(share.get(), dir, sizeof(dir), 0) != 1) {
-    LogPlatformFailure("VELAShareSnapGetOrCreateSnapDir", name);
-    response->SetError(kErrorFailure);
-    return;
-  }
-  for (int i = 0; i < names->nItem; ++i) {
-    const char* snapshot = VLIBCSzListGet(names.get(), i);
-    unsigned long long rootId = 0;
-    // One deleted since the listing is left out.
-    if (VelaBtrfsUsage::BtrfsTool::SubvolRootIdLookup((std::string(dir) + "/" + snapshot).c_str(), rootId) != 0) {
-      continue;
-    }
+  Json::Value list(Json::arrayValue);
+  for (int i = 0; i < count; ++i) {
+    const VELASNAPINFO& snapshot = snapshots.get()[i];
     Json::Value entry;
-    entry["name"] = snapshot;
-    entry["time"] = SnapshotTime(snapshot);
-    entry["subvol_id"] = static_cast<Json::UInt64>(rootId);
-    snapshots.append(entry);
+    entry["name"] = snapshot.szName;
+    entry["time"] = static_cast<Json::Int64>(snapshot.time);
+    entry["subvol_id"] = static_cast<Json::UInt64>(snapshot.subvolId);
+    entry["path"] = snapshot.szPath;
+    entry["tool"] = snapshot.szTool;
+    entry["read_only"] = snapshot.readOnly == TRUE;
+    list.append(entry);
   }
   Json::Value data;
   data["share_name"] = share->szName;
-  data["snapshots"] = snapshots;
+  data["snapshots"] = list;
   response->SetSuccess(data);
 }
 

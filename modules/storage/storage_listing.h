@@ -1,8 +1,9 @@
 // A web API module that lists what the administrator's page shows around
-// the snapshot usage module: the volumes, the shares with how many
-// snapshots they have and over what time, and each share's snapshots with
-// their times and btrfs subvolume IDs. Everything comes from the platform
-// layer; nothing here changes anything.
+// the snapshot usage module: the volumes with their size and free space,
+// the shares with where they lie and how many snapshots they have over
+// what time, and each share's snapshots with their times, btrfs subvolume
+// IDs, where they lie and which tool made them. Everything comes from the
+// platform layer; nothing here changes anything.
 //
 //   "VELA.Storage.Volume" 1 "list"            {}
 //   "VELA.Storage.Share" 1 "list"             {}

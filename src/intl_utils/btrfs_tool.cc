@@ -1,12 +1,8 @@
 #include "velabtrfssnapusage/btrfs_tool.h"
 
 #include <dirent.h>
-#include <linux/btrfs.h>
 #include <poll.h>
 #include <stdlib.h>
-#include <sys/ioctl.h>
-#include <sys/stat.h>
-#include <sys/statfs.h>
 
 #include <cerrno>
 #include <cstring>
@@ -18,6 +14,8 @@
 #include "base/numbers.h"
 #include "intl_utils/file_names.h"
 #include "intl_utils/log.h"
+#include "vela/vela_subvol.h"
+#include "vela/vela_volume.h"
 #include "vela/vlib_file.h"
 #include "vela/vlib_proc.h"
 #include "velabtrfssnapusage/file_helpers.h"
@@ -31,8 +29,6 @@ namespace {
 
 constexpr char kLogSource[] = "intl_utils/btrfs_tool";
 constexpr char kBtrfsTool[] = VELA_BTRFS_TOOL_PATH;
-constexpr unsigned long long kFirstFreeObjectId = 256;  // every subvolume's root directory
-constexpr long kBtrfsMagic = 0x9123683E;
 // How long a stopped tool is given to end after SIGTERM before the child
 // gives up on it (and takes its process group down when it ends itself).
 constexpr int kToolStopGraceMs = 2000;
@@ -126,7 +122,10 @@ int BtrfsTool::CmdExc(_tag_VELA_BTRFS_USAGE_CAL_TASK* task, std::string taskID, 
   argv[next++] = const_cast<char*>("size");
   argv[next++] = const_cast<char*>("-vpm");
   if (task->option == VELA_BTRFS_USAGE_CAL_BY_SUBVOL_ID) {
-    snprintf(volumePath, sizeof(volumePath), VELA_VOLUME_PATH_FORMAT, task->volume);
+    if (VELAVolumePathGet(task->volume, volumePath, sizeof(volumePath)) != 0) {
+      VELA_LOG(LOG_ERR, "Invalid volume of calculator: %d", task->volume);
+      return BTRFS_CMD_INVALID_ARGUMENT;
+    }
     argv[next++] = const_cast<char*>("-r");
     argv[next++] = volumePath;
   } else if (task->option != VELA_BTRFS_USAGE_CAL_BY_PATH) {
@@ -200,12 +199,7 @@ int BtrfsTool::SubvolTest(const char* path) {
     VELA_INVALID_ARGUMENT("__null != path");
     return -1;
   }
-  struct stat st;
-  if (stat(path, &st) != 0) return -errno;
-  if (st.st_ino != kFirstFreeObjectId || !S_ISDIR(st.st_mode)) return 0;
-  struct statfs fs;
-  if (statfs(path, &fs) != 0) return -errno;
-  return fs.f_type == kBtrfsMagic ? 1 : 0;
+  return VELASubvolTest(path);
 }
 
 int BtrfsTool::SubvolRootIdLookup(const char* szPath, unsigned long long& rootId) {
@@ -235,17 +229,12 @@ int BtrfsTool::SubvolRootIdLookup(const char* szPath, unsigned long long& rootId
     Utils::FileOrDirClose(-1, dir);
     return -1;
   }
-  struct btrfs_ioctl_ino_lookup_args args;
-  memset(&args, 0, sizeof(args));
-  args.treeid = 0;  // the tree of the opened file
-  args.objectid = kFirstFreeObjectId;
-  if (ioctl(fd, BTRFS_IOC_INO_LOOKUP, &args) != 0) {
+  if (VELASubvolIdGet(fd, &rootId) != 0) {
     fprintf(stderr, "ERROR: Failed to lookup root id - %s\n", strerror(errno));
     VELA_LOG(LOG_ERR, "Failed to lookup rootid '%s'", path);
     Utils::FileOrDirClose(fd, dir);
     return -1;
   }
-  rootId = args.treeid;
   Utils::FileOrDirClose(fd, dir);
   return 0;
 }

@@ -45,9 +45,6 @@
 #error "VELA_BTRFS_TOOL_PATH is set by the build (VELA_BTRFS_TOOL)"
 #endif
 
-// Volumes are mounted at "/volume%d".
-#define VELA_VOLUME_PATH_FORMAT "/volume%d"
-
 namespace VelaBtrfsUsage::FileNames {
 
 // Status file and lock file of a calculator task. Task lock files end in

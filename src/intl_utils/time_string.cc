@@ -6,6 +6,7 @@
 #include <ctime>
 
 #include "intl_utils/log.h"
+#include "vela/vela_share.h"
 
 namespace VelaBtrfsUsage::Utils {
 
@@ -63,30 +64,8 @@ int SnapNameGenerateByTime(char* buf, unsigned long size, long t, BOOL localTime
     VELA_SET_ERROR(VLIB_ERR_BAD_PARAMETERS);
     return -1;
   }
-  const time_t when = t;
-  struct tm broken;
-  if (localTime == TRUE) {
-    tzset();
-    if (localtime_r(&when, &broken) == nullptr) {
-      VELA_SET_ERROR(VLIB_ERR_OPERATION_FAILED);
-      return -1;
-    }
-    char zone[255] = {};
-    strftime(zone, sizeof(zone), "%z", &broken);
-    // Whole-hour offsets are written with the hours only: +0800 -> +08.
-    if (strlen(zone) == 5 && zone[3] == '0' && zone[4] == '0') zone[3] = '\0';
-    char format[255];
-    snprintf(format, sizeof(format), "GMT%s-%%Y.%%m.%%d-%%H.%%M.%%S", zone);
-    if (strftime(buf, size, format, &broken) == 0 && size > 0) buf[0] = '\0';
-    return 0;
-  }
-  if (gmtime_r(&when, &broken) == nullptr) {
-    VELA_SET_ERROR(VLIB_ERR_OPERATION_FAILED);
-    return -1;
-  }
-  // A buffer too small leaves an empty name rather than undefined bytes.
-  if (strftime(buf, size, "GMT-%Y.%m.%d-%H.%M.%S", &broken) == 0 && size > 0) buf[0] = '\0';
-  return 0;
+  // Snapshot names are the platform's: made where they are read.
+  return VELAShareSnapNameMake(t, localTime, buf, size);
 }
 
 }  // namespace VelaBtrfsUsage::Utils

@@ -288,7 +288,7 @@ void StopChildAndWait(const std::string& taskID) {
 
 }  // namespace
 
-bool IsShareNameSafe(const std::string& name) { return Utils::IsPathComponent(name); }
+bool IsShareNameSafe(const std::string& name) { return VELAShareNameIsValid(name.data(), name.size()) == TRUE; }
 
 ShareSnapUsageCal::ShareSnapUsageCal() = default;
 

@@ -310,8 +310,10 @@ _tag_fp_parse_function_ret SnapUsageCalculator::ParseCmdFp(std::string id, FILE*
     }
   }
   // A read error is not the end of the output: the results would be partial.
-  // A read cut short by the stop signal is the stop.
-  if (ferror(fp)) return SignalHandler::StopRequested() ? FP_PARSE_SIGNALED : FP_PARSE_FAIL;
+  // A read cut short by the stop signal is the stop, and so is the end of
+  // the output of a tool that the stop, taken between two reads, ended.
+  if (SignalHandler::StopRequested()) return FP_PARSE_SIGNALED;
+  if (ferror(fp)) return FP_PARSE_FAIL;
   if (TaskResult::WriteResultVtr(TASK_RESULT_OPT_RESULT, id, parser.Bytes()) != TASK_RESULT_SUCCESS) {
     VELA_LOG_TASK(LOG_ERR, "ParseCmdFp", id, "Failed to wirte result vector to file");
     return FP_PARSE_FAIL;

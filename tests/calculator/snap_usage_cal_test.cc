@@ -18,6 +18,7 @@
 #include "support/syslog_capture.h"
 #include "velabtrfssnapusage/btrfs_tool.h"
 #include "velabtrfssnapusage/task_result.h"
+#include "vela/sz_list.h"
 
 namespace VelaBtrfsUsage {
 namespace {
@@ -76,19 +77,17 @@ class CalculatorTest : public testing::Test {
     gProgressLog = dir_ / "progress";
     gResultCopies = dir_ / "copy";
     ASSERT_TRUE(SnapUsageCalculator::CreateTask(calculator_));
-    ids_ = VLIBCSzListAlloc(4);
-    VLIBCSzListPush(&ids_, "257");
-    VLIBCSzListPush(&ids_, "258");
+    VLIBCSzListPush(ids_.Address(), "257");
+    VLIBCSzListPush(ids_.Address(), "258");
   }
   void TearDown() override {
-    VLIBCSzListFree(ids_);
     EXPECT_FALSE(HasChildren()) << "a process was left behind";
   }
 
   // Starts the task and waits for its worker: the worker's exit status.
   int RunToEnd(int option, VELA_POST_CAL_ACTION_FN post) {
     _tag_VELA_BTRFS_USAGE_CAL_TASK task = {option, RecordProgress, post, 1};
-    EXPECT_EQ(0, calculator_.Start(&task, &ids_));
+    EXPECT_EQ(0, calculator_.Start(&task, ids_.Address()));
     return WaitForExit(-1, 20000);
   }
 
@@ -106,7 +105,7 @@ class CalculatorTest : public testing::Test {
   vela::test::ScratchDir dir_;
   BtrfsToolDouble tool_;
   SnapUsageCalculator calculator_;
-  PVLIBSZLIST ids_ = nullptr;
+  vela::platform::SzList ids_;
 };
 
 TEST_F(CalculatorTest, ARunReportsProgressStoresResultsAndCleansUpAfterItsPostAction) {
@@ -148,7 +147,7 @@ TEST_F(CalculatorTest, AStopFromAnotherProcessEndsTheRunPromptlyWithoutResults) 
   }
   tool_.Script(script);
   _tag_VELA_BTRFS_USAGE_CAL_TASK task = {2, RecordProgress, CopyResults, 1};
-  ASSERT_EQ(0, calculator_.Start(&task, &ids_));
+  ASSERT_EQ(0, calculator_.Start(&task, ids_.Address()));
   TaskStatus status;
   ASSERT_TRUE(status.Init(calculator_.GetTaskID(), false));
   for (int i = 0; i < 500 && Get(status, TASKSTATUS_ATTR_PROCESSED_IN_BYTES) == "-"; ++i) usleep(10000);
@@ -205,12 +204,11 @@ TEST_F(CalculatorTest, FailuresEndAsFailWithTheirCodesAndOnlyAFailedPostActionKe
 
 TEST_F(CalculatorTest, ByPathRunsTheToolOverThePathsAndAToolFailureIsOnlyLogged) {
   tool_.Script({"subvol(300) 4096 bytes", "@stderr ERROR: something", "@exit 1"});
-  PVLIBSZLIST paths = VLIBCSzListAlloc(1);
-  VLIBCSzListPush(&paths, "/volume1/@snapshots/s/GMT-2024.03.05-09.04.09");
+  vela::platform::SzList paths;
+  VLIBCSzListPush(paths.Address(), "/volume1/@snapshots/s/GMT-2024.03.05-09.04.09");
   _tag_VELA_BTRFS_USAGE_CAL_TASK task = {1, RecordProgress, FailPostAction, 0};
-  ASSERT_EQ(0, calculator_.Start(&task, &paths));
+  ASSERT_EQ(0, calculator_.Start(&task, paths.Address()));
   EXPECT_EQ(9, WaitForExit(-1, 20000));
-  VLIBCSzListFree(paths);
   EXPECT_EQ((std::vector<std::string>{BtrfsToolDouble::ToolPath(), "subvolume", "size", "-vpm",
                                       "/volume1/@snapshots/s/GMT-2024.03.05-09.04.09"}),
             tool_.Runs().at(0));

@@ -11,10 +11,12 @@
 
 #include "support/btrfs_image.h"
 #include "support/command.h"
+#include "support/machine_image.h"
 #include "support/syslog_capture.h"
 #include "vela/vlib_error.h"
 #include "velabtrfssnapusage/btrfs_tool.h"
 #include "velabtrfssnapusage/share_snapshot.h"
+#include "vela/sz_list.h"
 
 namespace VelaBtrfsUsage {
 namespace {
@@ -39,15 +41,8 @@ std::map<std::string, unsigned long long> ListedIds(const std::string& mount) {
   return ids;
 }
 
-struct ListDeleter {
-  void operator()(VLIBSZLIST* list) const { VLIBCSzListFree(list); }
-};
-using List = std::unique_ptr<VLIBSZLIST, ListDeleter>;
-
-List MakeList(const std::vector<std::string>& items) {
-  PVLIBSZLIST list = VLIBCSzListAlloc(1);
-  for (const auto& item : items) VLIBCSzListPush(&list, item.c_str());
-  return List(list);
+void Fill(vela::platform::SzList& list, const std::vector<std::string>& items) {
+  for (const auto& item : items) VLIBCSzListPush(list.Address(), item.c_str());
 }
 
 std::vector<std::string> Items(PVLIBSZLIST list) {
@@ -80,14 +75,14 @@ class Volumes : public testing::Test {
 
 TEST_F(Volumes, RootIdsMatchTheBtrfsToolsListAndLinksAreResolved) {
   const auto listed = ListedIds("/volume1");
-  List paths = MakeList({snaps1_ + kSnap2, snaps1_ + kSnap1});
-  PVLIBSZLIST ids = VLIBCSzListAlloc(1);
-  VLIBCSzListPush(&ids, "stale");
-  ASSERT_EQ(0, BtrfsTool::PathToRootId(reinterpret_cast<PVLIBSZLIST*>(&paths), &ids));
+  vela::platform::SzList paths;
+  Fill(paths, {snaps1_ + kSnap2, snaps1_ + kSnap1});
+  vela::platform::SzList ids;
+  VLIBCSzListPush(ids.Address(), "stale");
+  ASSERT_EQ(0, BtrfsTool::PathToRootId(paths.Address(), ids.Address()));
   EXPECT_EQ((std::vector<std::string>{std::to_string(listed.at(snaps1_ + kSnap2)),
                                       std::to_string(listed.at(snaps1_ + kSnap1))}),
-            Items(ids));
-  VLIBCSzListFree(ids);
+            Items(ids.Get()));
 
   ASSERT_EQ(0, symlink((snaps1_ + kSnap3).c_str(), "/volume1/latest"));
   unsigned long long rootId = 0;
@@ -110,61 +105,85 @@ TEST_F(Volumes, PlainDirectoriesAndPathsOffTheVolumesAreRefused) {
   EXPECT_EQ(1u, FindSyslog(LOG_ERR, "Failed to get realpath of '/volume1/missing', errno:No such file or directory").size());
 
   int volume = 0;
-  List offVolume = MakeList({"/tmp"});
-  EXPECT_EQ(-1, Utils::SameVolumeCheck(reinterpret_cast<PVLIBSZLIST*>(&offVolume), volume));
+  vela::platform::SzList offVolume;
+  Fill(offVolume, {"/tmp"});
+  EXPECT_EQ(-1, Utils::SameVolumeCheck(offVolume.Address(), volume));
   EXPECT_EQ(0xBE00, VLIBCErrGet());
   ASSERT_EQ(0, mount("tmpfs", "/volume3", "tmpfs", 0, nullptr));
-  List notBtrfs = MakeList({"/volume3"});
-  EXPECT_EQ(-1, Utils::SameVolumeCheck(reinterpret_cast<PVLIBSZLIST*>(&notBtrfs), volume));
+  vela::platform::SzList notBtrfs;
+  Fill(notBtrfs, {"/volume3"});
+  EXPECT_EQ(-1, Utils::SameVolumeCheck(notBtrfs.Address(), volume));
   EXPECT_EQ(0xD900, VLIBCErrGet());
   umount2("/volume3", MNT_DETACH);
-  List none = MakeList({});
-  EXPECT_EQ(0, Utils::SameVolumeCheck(reinterpret_cast<PVLIBSZLIST*>(&none), volume));
+  vela::platform::SzList none;
+  Fill(none, {});
+  EXPECT_EQ(0, Utils::SameVolumeCheck(none.Address(), volume));
   EXPECT_EQ(-1, volume);
 }
 
 TEST_F(Volumes, SnapshotsOnTwoVolumesFailTheSameVolumeCheck) {
-  List mixed = MakeList({snaps1_ + kSnap1, "/volume2/@snapshots/share2/" + std::string(kSnap1)});
+  vela::platform::SzList mixed;
+  Fill(mixed, {snaps1_ + kSnap1, "/volume2/@snapshots/share2/" + std::string(kSnap1)});
   int volume = 0;
-  EXPECT_EQ(1, Utils::SameVolumeCheck(reinterpret_cast<PVLIBSZLIST*>(&mixed), volume));
-  PVLIBSZLIST ids = VLIBCSzListAlloc(1);
-  EXPECT_EQ(-1, BtrfsTool::PathToRootId(reinterpret_cast<PVLIBSZLIST*>(&mixed), &ids));
-  EXPECT_EQ(0, ids->nItem);
+  EXPECT_EQ(1, Utils::SameVolumeCheck(mixed.Address(), volume));
+  vela::platform::SzList ids;
+  EXPECT_EQ(-1, BtrfsTool::PathToRootId(mixed.Address(), ids.Address()));
+  EXPECT_EQ(0, ids.Count());
   EXPECT_EQ(1u, FindSyslog(LOG_ERR, "Same volume check fails").size());
-  VLIBCSzListFree(ids);
-  List same = MakeList({"/volume2/@snapshots/share2/" + std::string(kSnap1)});
-  EXPECT_EQ(0, Utils::SameVolumeCheck(reinterpret_cast<PVLIBSZLIST*>(&same), volume));
+  vela::platform::SzList same;
+  Fill(same, {"/volume2/@snapshots/share2/" + std::string(kSnap1)});
+  EXPECT_EQ(0, Utils::SameVolumeCheck(same.Address(), volume));
   EXPECT_EQ(2, volume);
 }
 
-TEST_F(Volumes, ShareSnapshotListsSelectByTimeWhateverTheZoneOfTheName) {
+// Listed as paths in the share's snapshot directory, which lead to the
+// snapshots wherever they lie, selected by creation time.
+TEST_F(Volumes, ShareSnapshotListsSelectByCreationTimeWhateverTheZoneOfTheBound) {
   ASSERT_EQ(0, mkdir((snaps1_ + "not-a-snapshot").c_str(), 0755));
-  PVLIBSZLIST paths = VLIBCSzListAlloc(1);
+  vela::test::WaitForNextSecond();
+  volume1_.Snapshot(share1_, "/volume1/latest");
+  const long latest = vela::test::CreationTime("/volume1/latest");
+  vela::platform::SzList paths;
   Json::Value all;
-  ASSERT_EQ(0, Utils::ShareSnapListGet("share1", &paths, all));
-  EXPECT_EQ((std::vector<std::string>{snaps1_ + kSnap1, snaps1_ + kSnap2, snaps1_ + kSnap3}), Items(paths))
-      << "oldest first";
+  ASSERT_EQ(0, Utils::ShareSnapListGet("share1", paths.Address(), all));
+  const std::vector<std::string> listed = Items(paths.Get());
+  ASSERT_EQ(4u, listed.size());
+  const std::string dir = "/run/vela-snapshots/volume1/share1/";
+  const std::vector<std::string> real = {snaps1_ + kSnap1, snaps1_ + kSnap2, snaps1_ + kSnap3, "/volume1/latest"};
+  for (size_t i = 0; i < listed.size(); ++i) {
+    EXPECT_EQ(0u, listed[i].find(dir)) << listed[i];
+    char* resolved = realpath(listed[i].c_str(), nullptr);
+    EXPECT_EQ(real[i], resolved != nullptr ? resolved : "") << "oldest first: " << listed[i];
+    free(resolved);
+  }
   Json::Value notArray;
   notArray["time"] = ">=GMT-2024.03.05-09.30.00";
-  VLIBCSzListRemoveAll(paths);
-  ASSERT_EQ(0, Utils::ShareSnapListGet("share1", &paths, notArray));
-  EXPECT_EQ(3, paths->nItem);
+  VLIBCSzListRemoveAll(paths.Get());
+  ASSERT_EQ(0, Utils::ShareSnapListGet("share1", paths.Address(), notArray));
+  EXPECT_EQ(4, paths.Count());
 
-  Json::Value range;
-  range["time"].append(">=GMT-2024.03.05-09.30.00");
-  range["time"].append("<=GMT+08-2024.03.05-18.30.00");  // 10:30:00 UTC
-  VLIBCSzListRemoveAll(paths);
-  ASSERT_EQ(0, Utils::ShareSnapListGet("share1", &paths, range));
-  EXPECT_EQ((std::vector<std::string>{snaps1_ + kSnap2, snaps1_ + kSnap3}), Items(paths));
+  // The bound in the zone of UTC+08:00 and in UTC selects the same.
+  for (const std::string zone : {"GMT+08", "GMT"}) {
+    const time_t at = latest + (zone == "GMT" ? 0 : 8 * 3600);
+    struct tm broken;
+    gmtime_r(&at, &broken);
+    char bound[64];
+    strftime(bound, sizeof(bound), (">=" + zone + "-%Y.%m.%d-%H.%M.%S").c_str(), &broken);
+    Json::Value range;
+    range["time"].append(bound);
+    range["time"].append("<=GMT-2999.01.01-00.00.00");
+    VLIBCSzListRemoveAll(paths.Get());
+    ASSERT_EQ(0, Utils::ShareSnapListGet("share1", paths.Address(), range));
+    EXPECT_EQ((std::vector<std::string>{listed.back()}), Items(paths.Get())) << bound;
+  }
 
   Json::Value bad;
   bad["time"].append("~GMT-2024.03.05-09.30.00");
-  VLIBCSzListRemoveAll(paths);
-  EXPECT_EQ(-1, Utils::ShareSnapListGet("share1", &paths, bad));
+  VLIBCSzListRemoveAll(paths.Get());
+  EXPECT_EQ(-1, Utils::ShareSnapListGet("share1", paths.Address(), bad));
   EXPECT_EQ(1u, FindSyslog(LOG_ERR, "Failed to add selector (~GMT-2024.03.05-09.30.00)").size());
-  EXPECT_EQ(-1, Utils::ShareSnapListGet("no-such-share", &paths, all));
+  EXPECT_EQ(-1, Utils::ShareSnapListGet("no-such-share", paths.Address(), all));
   EXPECT_EQ(1u, FindSyslog(LOG_ERR, "VELAShareGet failed. share (no-such-share)").size());
-  VLIBCSzListFree(paths);
 }
 
 }  // namespace

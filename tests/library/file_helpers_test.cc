@@ -9,6 +9,7 @@
 #include <algorithm>
 
 #include "support/scratch_dir.h"
+#include "vela/sz_list.h"
 
 namespace VelaBtrfsUsage::Utils {
 namespace {
@@ -30,20 +31,19 @@ TEST(SearchTaskFile, ListsRegularFilesWithThePrefixAndToleratesAMissingDirectory
   WriteFile(dir / "task2.result", "");
   ASSERT_EQ(0, mkdir((dir / "task1.dir").c_str(), 0755));
   ASSERT_EQ(0, symlink("task1.result", (dir / "task1.link").c_str()));
-  PVLIBSZLIST list = VLIBCSzListAlloc(1);
-  ASSERT_TRUE(SearchTaskFile("task1", dir.Path(), &list));
-  EXPECT_EQ((std::vector<std::string>{dir / "task1.result", dir / "task1.subvol_id"}), Items(list));
-  ASSERT_TRUE(SearchTaskFile("task1", dir / "missing", &list));
-  EXPECT_EQ(2, list->nItem);
-  VLIBCSzListRemoveAll(list);
-  ASSERT_TRUE(SearchTaskFile("", dir.Path(), &list));
-  EXPECT_EQ(3, list->nItem) << "an empty prefix lists every regular file";
+  vela::platform::SzList list;
+  ASSERT_TRUE(SearchTaskFile("task1", dir.Path(), list.Address()));
+  EXPECT_EQ((std::vector<std::string>{dir / "task1.result", dir / "task1.subvol_id"}), Items(list.Get()));
+  ASSERT_TRUE(SearchTaskFile("task1", dir / "missing", list.Address()));
+  EXPECT_EQ(2, list.Count());
+  VLIBCSzListRemoveAll(list.Get());
+  ASSERT_TRUE(SearchTaskFile("", dir.Path(), list.Address()));
+  EXPECT_EQ(3, list.Count()) << "an empty prefix lists every regular file";
 
   // Deleting twice: the second time every path is already gone.
-  EXPECT_TRUE(DeleteCandidateFile(&list));
-  EXPECT_TRUE(DeleteCandidateFile(&list));
+  EXPECT_TRUE(DeleteCandidateFile(list.Address()));
+  EXPECT_TRUE(DeleteCandidateFile(list.Address()));
   EXPECT_NE(0, access((dir / "task2.result").c_str(), F_OK));
-  VLIBCSzListFree(list);
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include "support/syslog_capture.h"
 #include "velabtrfssnapusage/json_file.h"
 #include "velabtrfssnapusage/task_result.h"
+#include "vela/sz_list.h"
 
 namespace VelaBtrfsUsage {
 namespace {
@@ -68,9 +69,8 @@ TEST(ShareCalMap, ACorruptMapReadsAsEmptyOrAsExpiredEntries) {
     std::string share;
     EXPECT_EQ(8, ShareSnapUsageCal::FindShareNameByTaskID("T", share)) << corrupt;
     Vector ids = {257};
-    PVLIBSZLIST names = VLIBCSzListAlloc(1);
-    EXPECT_NE(0, ShareSnapUsageCal::FindSnapNameBySubvolID("s", ids, &names)) << corrupt;
-    VLIBCSzListFree(names);
+    vela::platform::SzList names;
+    EXPECT_NE(0, ShareSnapUsageCal::FindSnapNameBySubvolID("s", ids, names.Address())) << corrupt;
   }
 }
 
@@ -84,36 +84,34 @@ TEST(ShareCalMap, ReverseLookupAndListingFollowTheMapsOrder) {
   EXPECT_EQ(8, ShareSnapUsageCal::FindShareNameByTaskID(kTask1.substr(1), share)) << "whole IDs only";
   EXPECT_EQ(8, ShareSnapUsageCal::FindShareNameByTaskID(kTask3, share)) << "a key that is no share name";
   EXPECT_EQ("unchanged", share);
-  PVLIBSZLIST list = VLIBCSzListAlloc(1);
-  ASSERT_TRUE(ShareSnapUsageCal::GetShareTaskList(&list));
-  ASSERT_EQ(3, list->nItem) << "a key that is no share name is left out";
-  EXPECT_STREQ("a", VLIBCSzListGet(list, 0));
-  EXPECT_STREQ("c", VLIBCSzListGet(list, 2));
+  vela::platform::SzList list;
+  ASSERT_TRUE(ShareSnapUsageCal::GetShareTaskList(list.Address()));
+  ASSERT_EQ(3, list.Count()) << "a key that is no share name is left out";
+  EXPECT_STREQ("a", list.At(0));
+  EXPECT_STREQ("c", list.At(2));
   unlink(kMap);
-  VLIBCSzListRemoveAll(list);
-  EXPECT_TRUE(ShareSnapUsageCal::GetShareTaskList(&list));
-  EXPECT_EQ(0, list->nItem);
-  VLIBCSzListFree(list);
+  VLIBCSzListRemoveAll(list.Get());
+  EXPECT_TRUE(ShareSnapUsageCal::GetShareTaskList(list.Address()));
+  EXPECT_EQ(0, list.Count());
 }
 
 TEST(ShareCalMap, SnapshotNamesAreFoundByTheirRootIdsInTheGivenOrder) {
   WriteMap(R"({"s":{"task_id":"t","time":0,"snap_list":{"GMT-a":"300","GMT-b":"257","GMT-c":"0300x"}}})");
-  PVLIBSZLIST names = VLIBCSzListAlloc(1);
+  vela::platform::SzList names;
   Vector ids = {257, 300};
-  ASSERT_EQ(0, ShareSnapUsageCal::FindSnapNameBySubvolID("s", ids, &names));
-  ASSERT_EQ(2, names->nItem);
-  EXPECT_STREQ("GMT-b", VLIBCSzListGet(names, 0));
-  EXPECT_STREQ("GMT-a", VLIBCSzListGet(names, 1));
-  VLIBCSzListRemoveAll(names);
+  ASSERT_EQ(0, ShareSnapUsageCal::FindSnapNameBySubvolID("s", ids, names.Address()));
+  ASSERT_EQ(2, names.Count());
+  EXPECT_STREQ("GMT-b", names.At(0));
+  EXPECT_STREQ("GMT-a", names.At(1));
+  VLIBCSzListRemoveAll(names.Get());
   vela::test::ClearSyslog();
   ids = {257, 301};
-  EXPECT_EQ(8, ShareSnapUsageCal::FindSnapNameBySubvolID("s", ids, &names));
-  EXPECT_EQ(1, names->nItem);
+  EXPECT_EQ(8, ShareSnapUsageCal::FindSnapNameBySubvolID("s", ids, names.Address()));
+  EXPECT_EQ(1, names.Count());
   EXPECT_EQ(1u, FindSyslog(LOG_ERR, "Snapshot name with subvol ID [301] is not found").size());
   ids.clear();
-  EXPECT_EQ(0, ShareSnapUsageCal::FindSnapNameBySubvolID("none", ids, &names));
+  EXPECT_EQ(0, ShareSnapUsageCal::FindSnapNameBySubvolID("none", ids, names.Address()));
   EXPECT_EQ(3, ShareSnapUsageCal::FindSnapNameBySubvolID("s", ids, nullptr));
-  VLIBCSzListFree(names);
 }
 
 TEST(ShareResults, TheShareCopyIsPreferredAndUsageIsAccumulated) {

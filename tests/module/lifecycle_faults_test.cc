@@ -154,7 +154,7 @@ TEST_F(Lifecycle, AnIncompleteOutputFailsTheCalculationWithoutResultsNeverAShort
 
 TEST_F(Lifecycle, ASnapshotDeletedUnderTheRealProviderFailsTheCalculation) {
   ScratchDir dir;
-  const std::string doomed = "/volume1/@snapshots/share1/" + UtcSnapName(kT0 + kHour);
+  const std::string doomed = snaps_["share1"][1].path;
   WriteFile(dir / "tool", "#!/bin/sh\nbtrfs subvolume delete -c " + doomed + " >/dev/null\nexec " +
                               VELA_TEST_SIZE_PROVIDER_PATH + " \"$@\"\n");
   ASSERT_EQ(0, chmod((dir / "tool").c_str(), 0755));
@@ -210,8 +210,7 @@ TEST_F(Lifecycle, StartCleanLoopsNeverLeaveASecondChildAndCleanTouchesOnlyItsSha
 TEST_F(Lifecycle, AShareWithTheLongestNameIsCalculated) {
   const std::string name(255, 'n');
   volume_.CreateSubvolume(name);
-  MustRun({"mkdir", "-p", "/volume1/@snapshots/" + name});
-  Snapshot(name, kT0);
+  Snapshot(name);
   ASSERT_EQ("ok null", Call("start", StartParams(name, 1, 1)));
   EXPECT_EQ("done 0", WaitForEnd(name));
   const auto report = module_.Call("get_report", R"({"share_name":")" + name + "\"}");

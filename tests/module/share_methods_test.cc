@@ -32,7 +32,9 @@ TEST_F(ShareMethods, TheWholeRoadFromStartToClean) {
   EXPECT_EQ("ok {\"share_list\":[]}", Call("status", R"({"additional":["processed_in_bytes"]})"));
   tool_.Script({"exclusive 600 bytes", "processed 300 bytes", "@sleep 600", "@subvols 100",
                 "processed 600 bytes"});
-  EXPECT_EQ("ok null", Call("start", StartParams("share1", kT0 - 60, kT0 + 2 * kHour + 60)));
+  const std::vector<TakenSnapshot>& taken = snaps_["share1"];
+  const long from = taken.front().time - 60, to = taken.back().time + 60;
+  EXPECT_EQ("ok null", Call("start", StartParams("share1", from, to)));
   // Status shows the run while it goes on, then its end.
   std::vector<std::string> seen;
   for (int i = 0; i < 500; ++i) {
@@ -51,7 +53,7 @@ TEST_F(ShareMethods, TheWholeRoadFromStartToClean) {
   const std::string snaps = "@snapshots/share1/";
   std::ostringstream expected;
   expected << "ok {\"share_list\":[{\"estimated_in_bytes\":600,\"processed_in_bytes\":600,"
-           << "\"range_end\":" << kT0 + 2 * kHour + 60 << ",\"range_start\":" << kT0 - 60
+           << "\"range_end\":" << to << ",\"range_start\":" << from
            << ",\"share_name\":\"share1\",\"status\":\"done\"}]}";
   EXPECT_EQ(expected.str(), Call("status", R"({"additional":["processed_in_bytes","estimated_in_bytes",
                                                 "range_start","range_end","pid","bogus"]})"));
@@ -61,13 +63,12 @@ TEST_F(ShareMethods, TheWholeRoadFromStartToClean) {
   ASSERT_TRUE(report.IsSuccess()) << Answer(report);
   const Json::Value& data = report.GetData();
   EXPECT_EQ("done", data["status"].asString());
-  EXPECT_EQ(kT0 - 60, data["range_start"].asInt64());
+  EXPECT_EQ(from, data["range_start"].asInt64());
   EXPECT_LE(data["start_task"].asInt64(), data["end_task"].asInt64());
   ASSERT_EQ(3u, data["snap_list"].size());
   for (int i = 0; i < 3; ++i) {
-    const std::string name = UtcSnapName(kT0 + i * kHour);
-    EXPECT_EQ(name, data["snap_list"][i]["time"].asString());
-    EXPECT_EQ(ids.at(snaps + name), data["snap_list"][i]["subvol_id"].asUInt64());
+    EXPECT_EQ(taken[i].name, data["snap_list"][i]["time"].asString());
+    EXPECT_EQ(ids.at(snaps + "s" + std::to_string(i)), data["snap_list"][i]["subvol_id"].asUInt64());
     EXPECT_EQ(100u * (i + 1) * (i + 2) / 2, data["snap_list"][i]["accum_usage"].asUInt64())
         << "the running sum of 100, 200, 300";
   }
@@ -75,9 +76,8 @@ TEST_F(ShareMethods, TheWholeRoadFromStartToClean) {
   const auto runs = tool_.Runs();
   ASSERT_EQ(1u, runs.size());
   EXPECT_EQ((std::vector<std::string>{BtrfsToolDouble::ToolPath(), "subvolume", "size", "-vpm", "-r", "/volume1",
-                                      std::to_string(ids.at(snaps + UtcSnapName(kT0))),
-                                      std::to_string(ids.at(snaps + UtcSnapName(kT0 + kHour))),
-                                      std::to_string(ids.at(snaps + UtcSnapName(kT0 + 2 * kHour)))}),
+                                      std::to_string(ids.at(snaps + "s0")), std::to_string(ids.at(snaps + "s1")),
+                                      std::to_string(ids.at(snaps + "s2"))}),
             runs[0]);
 
   EXPECT_EQ("ok null", Call("clean", R"({"share_name":"share1"})"));
@@ -95,7 +95,6 @@ TEST_F(ShareMethods, WithTheRealSizeProviderTheReportIsWhatDeletingTheSnapshotsF
   // file of another share shares extents with it.
   volume_.CreateSubvolume("docs");
   volume_.CreateSubvolume("other");
-  MustRun({"mkdir", "-p", "/volume1/@snapshots/docs"});
   const std::string churn[] = {
       "for f in 1 2 3 4 5 6; do head -c 300000 /dev/urandom > /volume1/docs/a$f; done",
       "rm /volume1/docs/a1; head -c 200000 /dev/urandom > /volume1/docs/b1;"
@@ -103,13 +102,12 @@ TEST_F(ShareMethods, WithTheRealSizeProviderTheReportIsWhatDeletingTheSnapshotsF
       "rm /volume1/docs/a2 /volume1/docs/b1; fallocate -l 1M /volume1/docs/p;"
       " cp --reflink=always /volume1/docs/a3 /volume1/other/a3",
       "rm /volume1/docs/a3 /volume1/docs/a4; head -c 100000 /dev/urandom >> /volume1/docs/a5"};
-  std::vector<std::string> names;
   for (int i = 0; i < 4; ++i) {
     MustRun({"sh", "-c", churn[i]});
-    names.push_back(UtcSnapName(kT0 + i * kHour));
-    volume_.Snapshot("/volume1/docs", "/volume1/@snapshots/docs/" + names.back());
+    Snapshot("docs");
   }
-  EXPECT_EQ("ok null", Call("start", StartParams("docs", kT0, kT0 + 3 * kHour)));
+  const std::vector<TakenSnapshot>& taken = snaps_["docs"];
+  EXPECT_EQ("ok null", Call("start", StartParams("docs", taken.front().time, taken.back().time + 1)));
   EXPECT_EQ("done 0", WaitForEnd("docs"));
   const auto report = module_.Call("get_report", R"({"share_name":"docs"})");
   ASSERT_TRUE(report.IsSuccess()) << Answer(report);
@@ -118,7 +116,7 @@ TEST_F(ShareMethods, WithTheRealSizeProviderTheReportIsWhatDeletingTheSnapshotsF
 
   // The same question asked of the provider directly, by path.
   std::vector<std::string> argv = {VELA_TEST_SIZE_PROVIDER_PATH, "subvolume", "size", "-vm"};
-  for (const std::string& name : names) argv.push_back("/volume1/@snapshots/docs/" + name);
+  for (const TakenSnapshot& snapshot : taken) argv.push_back(snapshot.path);
   std::istringstream direct(MustRun(argv));
   const auto ids = RootIds();
   unsigned long long sum = 0;
@@ -128,10 +126,10 @@ TEST_F(ShareMethods, WithTheRealSizeProviderTheReportIsWhatDeletingTheSnapshotsF
     ASSERT_TRUE(std::getline(direct, line));
     ASSERT_EQ(2, sscanf(line.c_str(), "subvol(%llu) %llu bytes", &id, &bytes)) << line;
     sum += bytes;
-    EXPECT_EQ(names[i], rows[i]["time"].asString());
-    EXPECT_EQ(ids.at("@snapshots/docs/" + names[i]), rows[i]["subvol_id"].asUInt64());
+    EXPECT_EQ(taken[i].name, rows[i]["time"].asString());
+    EXPECT_EQ(ids.at("@snapshots/docs/s" + std::to_string(i)), rows[i]["subvol_id"].asUInt64());
     EXPECT_EQ(id, rows[i]["subvol_id"].asUInt64());
-    EXPECT_EQ(sum, rows[i]["accum_usage"].asUInt64()) << names[i];
+    EXPECT_EQ(sum, rows[i]["accum_usage"].asUInt64()) << taken[i].name;
   }
   // a1, a2 (both versions) and b1 exist only in the snapshots: deleting all
   // four frees at least their 1.1 MB; a3, shared with "other", frees nothing.
@@ -144,11 +142,17 @@ TEST_F(ShareMethods, RangesSelectSnapshotsWithEqualBoundsSelectingAll) {
   EXPECT_EQ("ok null", Call("start", StartParams("share1", 5, 5)));
   EXPECT_EQ("done 0", WaitForEnd("share1"));
   EXPECT_EQ(9u, tool_.Runs().at(0).size());
-  // One snapshot in range; share2's snapshot at the same time stays out.
-  EXPECT_EQ("ok null", Call("start", StartParams("share1", kT0 + kHour - 1, kT0 + kHour + 1)));
+  // One snapshot in range, which is by creation time; share2's snapshot of
+  // the same second stays out.
+  WaitForNextSecond();
+  const TakenSnapshot middle = Snapshot("share1");
+  Snapshot("share2");
+  WaitForNextSecond();
+  WaitForNextSecond();  // past the range's end, which is a second after its start
+  Snapshot("share1");
+  EXPECT_EQ("ok null", Call("start", StartParams("share1", middle.time, middle.time + 1)));
   EXPECT_EQ("done 0", WaitForEnd("share1"));
-  const auto ids = RootIds();
-  EXPECT_EQ(std::to_string(ids.at("@snapshots/share1/" + UtcSnapName(kT0 + kHour))), tool_.Runs().at(1).back());
+  EXPECT_EQ(std::to_string(RootIds().at("@snapshots/share1/s3")), tool_.Runs().at(1).back());
   EXPECT_EQ(7u, tool_.Runs().at(1).size());
   EXPECT_EQ("error 3", Call("start", R"({"share_name":"share1","range":{"range_start":"x","range_end":1}})"));
   EXPECT_EQ(2u, tool_.Runs().size());

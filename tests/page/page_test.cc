@@ -1,52 +1,30 @@
 // The administrator's page, driven by Debian's Chromium (road.js) through
 // the whole road, against the host, the modules and the real size provider
-// on a loopback btrfs volume with a share and real snapshots.
+// on a machine's file system whose snapshots other tools took.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <ctime>
 
 #include "host/web_host.h"
-#include "support/btrfs_image.h"
 #include "support/btrfs_tool_double.h"
 #include "support/command.h"
+#include "support/machine_image.h"
 #include "support/sandbox_mounts.h"
 #include "support/scratch_dir.h"
 
 namespace vela::test {
 namespace {
 
-// Snapshot names as the NAS takes them, in UTC, `hoursAgo` before now.
-std::string SnapshotName(int hoursAgo) {
-  const time_t when = time(nullptr) - hoursAgo * 3600;
-  struct tm utc;
-  gmtime_r(&when, &utc);
-  char name[64];
-  strftime(name, sizeof(name), "GMT-%Y.%m.%d-%H.%M.%S", &utc);
-  return name;
-}
-
-void WriteMiB(const std::string& path, int mib) {
-  MustRun({"dd", "if=/dev/urandom", "of=" + path, "bs=1M", "count=" + std::to_string(mib), "status=none"});
-}
-
 TEST(AdministratorsPage, TheWholeRoadInChromium) {
   LocalAccounts accounts;
   const std::string admins = accounts.AddGroup("vtpgadm");
   const std::string admin = accounts.AddUser("vtpage", "page-pass", {admins});
 
-  // A share whose contents change between four snapshots, and one without any.
-  BtrfsImage volume("/volume1");
-  MustRun({VELA_TEST_VELA_SHARE_PATH, "create", "1", "docs"});
-  MustRun({VELA_TEST_VELA_SHARE_PATH, "create", "1", "media"});
-  WriteMiB("/volume1/docs/base.bin", 8);
-  for (int i = 0; i < 4; ++i) {
-    if (i > 0) WriteMiB("/volume1/docs/part" + std::to_string(i) + ".bin", i * 2);
-    if (i == 2) MustRun({"rm", "/volume1/docs/part1.bin"});
-    volume.Sync();
-    MustRun({VELA_TEST_VELA_SHARE_PATH, "snapshot", "docs", SnapshotName(4 - i)});
-  }
-
+  // A machine's file system mounted through its root subvolume alone, with
+  // the homes' snapshots snapper, Timeshift and btrbk took a second apart,
+  // adopted as volume 1.
+  MachineImage machine("page", true);
+  MustRun({VELA_TEST_VELA_SHARE_PATH, "volume", "add", machine.RootPath()});
   ASSERT_EQ("", BindInto(VELA_TEST_PACED_PROVIDER, BtrfsToolDouble::ToolPath()));
   setenv("VELA_TEST_SIZE_PROVIDER", VELA_TEST_SIZE_PROVIDER_PATH, 1);
   WebHost host({"--admin-group", admins});
@@ -56,7 +34,7 @@ TEST(AdministratorsPage, TheWholeRoadInChromium) {
   setenv("VELA_PAGE_URL", host.Url().c_str(), 1);
   setenv("VELA_PAGE_USER", admin.c_str(), 1);
   setenv("VELA_PAGE_PASSWORD", "page-pass", 1);
-  setenv("VELA_PAGE_SHARE", "docs", 1);
+  setenv("VELA_PAGE_SHARE", "@home", 1);
   setenv("VELA_PAGE_SHOTS", VELA_TEST_SCREENSHOT_DIR, 1);
   const CommandResult road = RunCommand({"node", VELA_TEST_PAGE_SCRIPT});
   EXPECT_EQ(0, road.status) << road.out << road.err << "\nhost log:\n" << host.Log();

@@ -1,18 +1,28 @@
-// Shares and snapshots on loopback btrfs volumes mounted at /volumeN.
+// Shares and snapshots: on volumes mounted at /volumeN, and on a machine
+// laid out by snapper, Timeshift and btrbk whose file system is adopted
+// through its root subvolume.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
+#include <filesystem>
 #include <initializer_list>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/btrfs_image.h"
 #include "support/command.h"
+#include "support/machine_image.h"
+#include "vela/sz_list.h"
 #include "vela/vela_share.h"
+#include "vela/vela_volume.h"
 #include "vela/vlib_error.h"
 
 namespace vela::test {
@@ -30,38 +40,62 @@ std::vector<std::string> Items(const VLIBSZLIST* list) {
 }
 
 std::vector<std::string> Shares() {
-  PVLIBSZLIST list = VLIBCSzListAlloc(1);
-  const int n = VELAShareEnum(&list, 0);
-  std::vector<std::string> names = Items(list);
-  VLIBCSzListFree(list);
+  vela::platform::SzList list;
+  const int n = VELAShareEnum(list.Address(), 0);
+  std::vector<std::string> names = Items(list.Get());
   EXPECT_EQ(static_cast<int>(names.size()), n);
   return names;
 }
 
 // The share's snapshots passing time selectors with these arguments.
-std::vector<std::string> Snapshots(PVELASHARE share, std::initializer_list<const char*> args = {}) {
+std::vector<std::string> Snapshots(PVELASHARE share, std::initializer_list<std::string> args = {}) {
   PVELASNAPSELECTOR selectors = nullptr;
-  for (const char* arg : args) EXPECT_EQ(0, VELAShareSnapSelectorAdd(&selectors, VELAShareSnapTimeSelector, arg)) << arg;
-  PVLIBSZLIST list = VLIBCSzListAlloc(1);
-  const int n = VELAShareSnapList(share, &list, selectors);
-  std::vector<std::string> names = Items(list);
+  for (const std::string& arg : args) {
+    EXPECT_EQ(0, VELAShareSnapSelectorAdd(&selectors, VELAShareSnapTimeSelector, arg.c_str())) << arg;
+  }
+  vela::platform::SzList list;
+  const int n = VELAShareSnapList(share, list.Address(), selectors);
+  std::vector<std::string> names = Items(list.Get());
   EXPECT_EQ(static_cast<int>(names.size()), n);
-  VLIBCSzListFree(list);
   VELAShareSnapEnumFree(selectors);
   return names;
 }
 
-PVELASHARE GetShare(const char* name) {
+struct Listed {
+  std::string name, tool, path;
+  long time;
+  bool readOnly;
+};
+
+std::vector<Listed> Infos(PVELASHARE share) {
+  PVELASNAPINFO infos = nullptr;
+  const int n = VELAShareSnapInfoList(share, &infos);
+  std::vector<Listed> listed;
+  for (int i = 0; i < n; ++i) {
+    listed.push_back({infos[i].szName, infos[i].szTool, infos[i].szPath, infos[i].time, infos[i].readOnly == TRUE});
+  }
+  VELAShareSnapInfoFree(infos);
+  return listed;
+}
+
+PVELASHARE GetShare(const std::string& name) {
   PVELASHARE share = nullptr;
-  EXPECT_EQ(0, VELAShareGet(name, &share)) << name;
+  EXPECT_EQ(0, VELAShareGet(name.c_str(), &share)) << name << " " << std::hex << VLIBCErrGet();
   return share;
 }
 
-bool IsReadOnlySnapshot(const std::string& path) {
-  return RunCommand({"btrfs", "property", "get", "-ts", path, "ro"}).out == "ro=true\n";
+std::vector<std::string> Entries(const std::string& dir) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) names.push_back(entry.path().filename());
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
-TEST(Shares, AreTheSubvolumesRightUnderEachBtrfsVolumeNotBeginningWithDotOrAt) {
+unsigned long long RootId(const std::string& path) {
+  return std::stoull(MustRun({"btrfs", "inspect-internal", "rootid", path}));
+}
+
+TEST(Shares, AreSubvolumesAnywhereNamedUniquelyAcrossVolumes) {
   BtrfsImage volume1("/volume1");
   BtrfsImage volume2("/volume2");
   for (const char* name : {"share1", "Share 2", ".hidden", "@system", "dup"}) volume1.CreateSubvolume(name);
@@ -69,30 +103,35 @@ TEST(Shares, AreTheSubvolumesRightUnderEachBtrfsVolumeNotBeginningWithDotOrAt) {
   ASSERT_EQ(0, mkdir("/volume1/plain", 0755));
   ASSERT_EQ(0, symlink("/volume1/share1", "/volume1/link"));
   volume2.CreateSubvolume("other");
+  ASSERT_EQ(0, mkdir("/volume2/deep", 0755));
+  volume2.CreateSubvolume("deep/dup");
   volume2.CreateSubvolume("dup");
   MustRun({"mount", "-t", "tmpfs", "tmpfs", "/volume3"});
   ASSERT_EQ(0, mkdir("/volume3/fake", 0755));
 
-  PVLIBSZLIST list = VLIBCSzListAlloc(1);
-  ASSERT_EQ(0, VLIBCSzListPush(&list, "kept"));
-  EXPECT_EQ(5, VELAShareEnum(&list, 0));
-  EXPECT_EQ((std::vector<std::string>{"kept", "Share 2", "dup", "share1", "dup", "other"}), Items(list));
-  VLIBCSzListFree(list);
+  // Of three shares named "dup", the one on the lowest volume keeps the
+  // name; of the others, nearest the top first, each gets its volume and ID.
+  const std::string dup2 = "dup~v2-" + std::to_string(RootId("/volume2/dup"));
+  const std::string deepDup = "dup~v2-" + std::to_string(RootId("/volume2/deep/dup"));
+  vela::platform::SzList list;
+  ASSERT_EQ(0, VLIBCSzListPush(list.Address(), "kept"));
+  EXPECT_EQ(8, VELAShareEnum(list.Address(), 0));
+  EXPECT_EQ((std::vector<std::string>{"kept", "@system", "Share 2", "dup", "nested", "share1", deepDup, dup2, "other"}),
+            Items(list.Get()));
 
-  PVELASHARE share = GetShare("other");
+  PVELASHARE share = GetShare(dup2);
   ASSERT_NE(nullptr, share);
-  EXPECT_STREQ("other", share->szName);
-  EXPECT_STREQ("/volume2/other", share->szPath);
+  EXPECT_STREQ("/volume2/dup", share->szPath);
   EXPECT_STREQ("/volume2", share->szVolPath);
   EXPECT_EQ(2, share->volume);
+  EXPECT_EQ(RootId("/volume2/dup"), share->subvolId);
   VELAShareFree(share);
-  share = GetShare("dup");
+  share = GetShare("nested");
   ASSERT_NE(nullptr, share);
-  EXPECT_EQ(1, share->volume) << "the lowest volume wins";
+  EXPECT_STREQ("/volume1/share1/nested", share->szPath);
   VELAShareFree(share);
 
-  // Callers retry VLIB_ERR_BUSY for a minute; a missing share is final.
-  for (const char* name : {"missing", "plain", "link", ".hidden", "@system", "fake", "nested", "share1/nested"}) {
+  for (const char* name : {"missing", "plain", "link", ".hidden", "fake", "share1/nested", "dup~v2"}) {
     share = nullptr;
     EXPECT_EQ(-1, VELAShareGet(name, &share)) << name;
     EXPECT_EQ(nullptr, share);
@@ -103,6 +142,9 @@ TEST(Shares, AreTheSubvolumesRightUnderEachBtrfsVolumeNotBeginningWithDotOrAt) {
     EXPECT_EQ(VLIB_ERR_BAD_PARAMETERS, VLIBCErrGet()) << name;
   }
   EXPECT_EQ(-1, VELAShareGet(nullptr, &share));
+  EXPECT_TRUE(VELAShareNameIsValid(std::string(255, 'n').c_str(), 255));
+  EXPECT_FALSE(VELAShareNameIsValid(std::string(256, 'n').c_str(), 256));
+  EXPECT_FALSE(VELAShareNameIsValid("a\0b", 3));
 }
 
 TEST(SnapTimeGet, ReadsBothNameFormsHonouringTheOffsetWhateverTheLocalZone) {
@@ -111,7 +153,7 @@ TEST(SnapTimeGet, ReadsBothNameFormsHonouringTheOffsetWhateverTheLocalZone) {
       {"GMT+0530-2024.03.05-14.34.09", 1709629449},  {"GMT-0330-2024.03.05-05.34.09", 1709629449},
       {"GMT+00-2024.03.05-09.04.09", 1709629449},    {"GMT+14-2024.03.05-23.04.09", 1709629449},
       {"GMT-12-2024.03.04-21.04.09", 1709629449},    {"GMT-2024.02.29-00.00.00", 1709164800},
-      {"GMT+08-2000.01.01-07.59.59", 946684799},
+      {"GMT+08-2000.01.01-07.59.59", 946684799},     {"GMT-2024.03.05-09.04.09_258", 1709629449},
   };
   for (const char* zone : {"UTC", "America/St_Johns", "Asia/Kolkata"}) {
     setenv("TZ", zone, 1);
@@ -130,92 +172,165 @@ TEST(SnapTimeGet, ReadsBothNameFormsHonouringTheOffsetWhateverTheLocalZone) {
            "GMT+08-+024.03.05-17.04.09", "GMT+08-2024-03-05-17.04.09", "GMT+08-2024.03.05_17.04.09",
            "GMT-2024.00.05-09.04.09", "GMT-2024.13.05-09.04.09", "GMT-2024.03.00-09.04.09",
            "GMT-2024.02.30-09.04.09", "GMT-2023.02.29-09.04.09", "GMT-2024.04.31-09.04.09",
-           "GMT-2024.03.05-24.00.00", "GMT-2024.03.05-09.60.00", "GMT-2024.03.05-09.04.60"}) {
+           "GMT-2024.03.05-24.00.00", "GMT-2024.03.05-09.60.00", "GMT-2024.03.05-09.04.60",
+           "GMT-2024.03.05-09.04.09_", "GMT-2024.03.05-09.04.09_0258", "GMT-2024.03.05-09.04.09_x",
+           "GMT-2024.03.05-09.04.09_123456789012345678901"}) {
     time_t t = 0;
     EXPECT_EQ(-1, VELAShareSnapTimeGet(name, &t)) << name;
     EXPECT_EQ(VLIB_ERR_BAD_PARAMETERS, VLIBCErrGet()) << name;
   }
 }
 
-TEST(SnapList, OrdersByRealTimeAndSelectsWithEveryOperatorSkippingWhatIsNoSnapshot) {
-  BtrfsImage volume("/volume1");
-  const std::string sharePath = volume.CreateSubvolume("s");
-  PVELASHARE share = GetShare("s");
-  ASSERT_NE(nullptr, share);
-  // Taken in a +08:00 zone, in UTC and in two zones off the hour; sorted
-  // by name they would come in another order.
-  const char* byTime[] = {
-      "GMT-2024.03.05-08.30.00",       // 08:30 UTC
-      "GMT+0530-2024.03.05-14.30.00",  // 09:00, same time as the next: by name
-      "GMT+08-2024.03.05-17.00.00",    // 09:00
-      "GMT-0330-2024.03.05-06.00.00",  // 09:30, same time as the next
-      "GMT-2024.03.05-09.30.00",       // 09:30
-      "GMT+08-2024.03.05-18.00.00",    // 10:00
-  };
-  for (const char* name : {byTime[4], byTime[2], byTime[5], byTime[0], byTime[3], byTime[1]}) {
-    ASSERT_EQ(0, VELAShareSnapCreate(share, name)) << name << " " << std::hex << VLIBCErrGet();
+// The machine's file system, adopted through "@": shares anywhere in it,
+// snapshots by parent UUID whatever made them and wherever they lie, named
+// by their creation time, each reachable through its share's snapshot
+// directory by that name.
+TEST(Snapshots, OfAMachineAdoptedThroughItsRootAreFoundByParentUuid) {
+  MachineImage machine;
+  int number = 0;
+  ASSERT_EQ(0, VELAVolumeAdopt((machine.RootPath() + "/etc").c_str(), 0, &number)) << std::hex << VLIBCErrGet();
+  ASSERT_EQ(1, number);
+  const std::string top = "/volume1/";
+  // What else people and tools leave on such a machine: a copy received
+  // from elsewhere; a writable clone of a snapshot (a restored home); a
+  // writable snapshot mounted elsewhere, one that is the default subvolume
+  // (a rolled-back root) and one with read-only snapshots of its own, all
+  // in use as shares; and an orphan in Timeshift's layout.
+  MustRun({"sh", "-c", "btrfs -q send " + top + "btrbk_snapshots/@home.20260105T1000 | btrfs -q receive " + top});
+  MustRun({"btrfs", "-q", "subvolume", "snapshot", top + "@home/.snapshots/1/snapshot", top + "restored"});
+  for (const char* clone : {"mounted", "rolled-back", "origin"}) {
+    MustRun({"btrfs", "-q", "subvolume", "snapshot", top + "@home", top + clone});
   }
-  // In the snapshot directory but no snapshots of the share.
-  const std::string dir = "/volume1/@snapshots/s";
-  ASSERT_EQ(0, mkdir((dir + "/GMT-2024.03.05-09.00.00").c_str(), 0755));
-  MustRun({"btrfs", "-q", "subvolume", "snapshot", sharePath, dir + "/GMT-2024.03.05-09.10.00"});
-  volume.Snapshot(sharePath, dir + "/GMT+08-2024.13.05-17.00.00");
-  volume.Snapshot(sharePath, dir + "/manual");
-  ASSERT_EQ(0, symlink((dir + "/" + byTime[0]).c_str(), (dir + "/GMT-2024.03.05-09.20.00").c_str()));
+  MustRun({"mkdir", "-p", "/run/vela-test/elsewhere"});
+  MustRun({"mount", "-t", "btrfs", "-o", "subvol=mounted", machine.ImagePath(), "/run/vela-test/elsewhere"});
+  MustRun({"btrfs", "subvolume", "set-default", top + "rolled-back"});
+  MustRun({"btrfs", "-q", "subvolume", "snapshot", "-r", top + "origin", top + "origin.20260105T1200"});
+  MustRun({"mkdir", "-p", top + "timeshift-btrfs/snapshots/2026-01-06_10-00-01"});
+  MustRun({"btrfs", "-q", "subvolume", "snapshot", top + "btrbk_snapshots/@home.20260105T1000",
+           top + "timeshift-btrfs/snapshots/2026-01-06_10-00-01/@home"});
 
-  const std::vector<std::string> all(std::begin(byTime), std::end(byTime));
-  EXPECT_EQ(all, Snapshots(share));
-  EXPECT_EQ((std::vector<std::string>{byTime[1], byTime[2]}),
-            Snapshots(share, {">=GMT-2024.03.05-09.00.00", "<GMT+08-2024.03.05-17.30.00"}));
-  EXPECT_EQ(std::vector<std::string>(all.begin(), all.begin() + 5), Snapshots(share, {"<=GMT+08-2024.03.05-17.30.00"}));
-  EXPECT_EQ(std::vector<std::string>(all.begin() + 3, all.end()), Snapshots(share, {">GMT+0530-2024.03.05-14.30.00"}));
-  EXPECT_EQ((std::vector<std::string>{byTime[3], byTime[4]}), Snapshots(share, {"=GMT+08-2024.03.05-17.30.00"}));
-  EXPECT_EQ(std::vector<std::string>{}, Snapshots(share, {">GMT-2024.03.05-10.00.00"}));
+  EXPECT_EQ((std::vector<std::string>{"@", "@home", "data", "mounted", "origin", "restored", "rolled-back"}), Shares());
+  PVELASHARE home = GetShare("@home");
+  ASSERT_NE(nullptr, home);
+  EXPECT_STREQ("/volume1/@home", home->szPath);
+  EXPECT_EQ(1, home->volume);
 
-  EXPECT_EQ(1, VELAShareSnapTimeSelector(byTime[2], "=GMT+0530-2024.03.05-14.30.00"));
-  EXPECT_EQ(-1, VELAShareSnapTimeSelector("manual", ">=GMT-2024.03.05-09.00.00"));
-  PVELASNAPSELECTOR selectors = nullptr;
-  for (const char* arg : {"", ">=", "GMT-2024.03.05-09.00.00", "=>GMT-2024.03.05-09.00.00", "==GMT-2024.03.05-09.00.00",
-                          ">= GMT-2024.03.05-09.00.00", ">=GMT-2024.03.05-09.00.00x"}) {
-    EXPECT_EQ(-1, VELAShareSnapSelectorAdd(&selectors, VELAShareSnapTimeSelector, arg)) << arg;
-    EXPECT_EQ(VLIB_ERR_BAD_PARAMETERS, VLIBCErrGet()) << arg;
+  // Oldest first, by creation time; a snapshot of the same second as an
+  // older one is told apart by its ID.
+  const std::vector<Listed> listed = Infos(home);
+  const std::vector<std::string> tools = {"snapper", "timeshift", "btrbk", "snapper", "btrbk"};
+  ASSERT_EQ(MachineImage::HomeSnapshots().size(), listed.size());
+  std::vector<std::string> names;
+  for (size_t i = 0; i < listed.size(); ++i) {
+    const std::string path = top + MachineImage::HomeSnapshots()[i];
+    const long created = CreationTime(path);
+    const bool sameSecond = i > 0 && listed[i - 1].time == created;
+    EXPECT_EQ(UtcSnapshotName(created) + (sameSecond ? "_" + std::to_string(RootId(path)) : ""), listed[i].name);
+    EXPECT_EQ(created, listed[i].time);
+    EXPECT_EQ(tools[i], listed[i].tool);
+    EXPECT_EQ(path, listed[i].path);
+    EXPECT_EQ(i != 1, listed[i].readOnly) << "Timeshift's snapshots are writable";
+    names.push_back(listed[i].name);
   }
-  EXPECT_EQ(nullptr, selectors) << "a refused selector is not added";
-  VELAShareFree(share);
+  EXPECT_EQ(names, Snapshots(home));
+  PVELASHARE root = GetShare("@");
+  ASSERT_NE(nullptr, root);
+  const std::vector<Listed> ofRoot = Infos(root);
+  ASSERT_EQ(2u, ofRoot.size());
+  EXPECT_EQ(top + "@/.snapshots/1/snapshot", ofRoot[0].path);
+  EXPECT_EQ(top + "timeshift-btrfs/snapshots/2026-01-05_10-00-01/@", ofRoot[1].path);
+  VELAShareFree(root);
+  PVELASHARE origin = GetShare("origin");
+  ASSERT_NE(nullptr, origin);
+  ASSERT_EQ(1u, Infos(origin).size());
+  EXPECT_EQ("btrbk", Infos(origin)[0].tool);
+  VELAShareFree(origin);
+
+  // The snapshot directory leads to each snapshot by its listed name; its
+  // paths name volume 1 by their text and are on volume 1 once resolved.
+  char dir[4096];
+  ASSERT_EQ(1, VELAShareSnapGetOrCreateSnapDir(home, dir, sizeof(dir), 0));
+  EXPECT_STREQ("/run/vela-snapshots/volume1/@home", dir);
+  for (const Listed& snapshot : listed) {
+    const std::string path = std::string(dir) + "/" + snapshot.name;
+    char* resolved = realpath(path.c_str(), nullptr);
+    EXPECT_EQ(snapshot.path, resolved != nullptr ? resolved : "") << path;
+    free(resolved);
+    VOLUME_PATH_INFO byText = {};
+    VELAMOUNTVOLINFO mounted = {};
+    ASSERT_EQ(0, VolumePathParseEx(path.c_str(), &byText)) << path;
+    EXPECT_EQ(1, byText.volume);
+    EXPECT_STREQ("/volume1", byText.szVolPath);
+    ASSERT_EQ(0, VELAMountVolInfoGet(path.c_str(), &mounted)) << path;
+    EXPECT_EQ(1, mounted.volume);
+    EXPECT_EQ(VELA_FS_TYPE_BTRFS, mounted.fsType);
+  }
+  struct stat st;
+  ASSERT_EQ(0, stat(dir, &st));
+  EXPECT_EQ(0040755u, st.st_mode);
+  EXPECT_EQ(0u, st.st_uid);
+  // Made again as the snapshots are now: a deleted one's link goes.
+  MustRun({"btrfs", "-q", "subvolume", "delete", listed[2].path});
+  ASSERT_EQ(1, VELAShareSnapGetOrCreateSnapDir(home, dir, sizeof(dir), 0));
+  EXPECT_FALSE(Exists(std::string(dir) + "/" + listed[2].name));
+  EXPECT_TRUE(Exists(std::string(dir) + "/" + listed[3].name));
+
+  // Time selectors compare creation times, with or without the ID.
+  const std::string last = names.back();
+  EXPECT_EQ(1, VELAShareSnapTimeSelector(last.c_str(), ("=" + last.substr(0, 23)).c_str()));
+  EXPECT_EQ((std::vector<std::string>{names[0], names[1], names[3], names[4]}),
+            Snapshots(home, {">=" + UtcSnapshotName(listed[0].time), "<=" + UtcSnapshotName(listed[4].time)}));
+  EXPECT_EQ(std::vector<std::string>{}, Snapshots(home, {">" + UtcSnapshotName(listed[4].time)}));
+
+  // Adopting, listing and the snapshot directory made nothing in the file
+  // system: its top level holds what the machine made and this test added.
+  EXPECT_EQ((std::vector<std::string>{"@", "@home", "@home.20260105T1000", "btrbk_snapshots", "mounted", "origin",
+                                      "origin.20260105T1200", "restored", "rolled-back", "timeshift-btrfs"}),
+            Entries("/volume1"));
+  VELAShareFree(home);
+  MustRun({"umount", "/run/vela-test/elsewhere"});
 }
 
-TEST(SnapDir, IsCreatedOnDemandOnlyAndOnlyForAShareThatIsThere) {
+TEST(SnapDir, IsMadeOnlyForAShareThatIsThereAndNeverOnAVolume) {
   BtrfsImage volume("/volume1");
   volume.CreateSubvolume("s");
   PVELASHARE share = GetShare("s");
   ASSERT_NE(nullptr, share);
   EXPECT_EQ(std::vector<std::string>{}, Snapshots(share));
-  EXPECT_FALSE(Exists("/volume1/@snapshots"));
-
   char small[8];
   EXPECT_EQ(-1, VELAShareSnapGetOrCreateSnapDir(share, small, sizeof(small), 0));
-  EXPECT_FALSE(Exists("/volume1/@snapshots"));
+  EXPECT_EQ(VLIB_ERR_BAD_PARAMETERS, VLIBCErrGet());
+  EXPECT_FALSE(Exists("/run/vela-snapshots"));
   char buf[4096];
   ASSERT_EQ(1, VELAShareSnapGetOrCreateSnapDir(share, buf, sizeof(buf), 0));
-  EXPECT_STREQ("/volume1/@snapshots/s", buf);
-  struct stat st;
-  ASSERT_EQ(0, stat(buf, &st));
-  EXPECT_TRUE(S_ISDIR(st.st_mode));
-  EXPECT_EQ(1, VELAShareSnapGetOrCreateSnapDir(share, buf, sizeof(buf), 0));
+  EXPECT_STREQ("/run/vela-snapshots/volume1/s", buf);
+  EXPECT_EQ(std::vector<std::string>{}, Entries(buf));
+  EXPECT_EQ(std::vector<std::string>{"s"}, Entries("/volume1"));
 
   // A record of a share that has gone leaves nothing behind.
-  snprintf(share->szName, sizeof(share->szName), "gone");
+  MustRun({"btrfs", "-q", "subvolume", "delete", "/volume1/s"});
+  volume.CreateSubvolume("s");
   EXPECT_EQ(-1, VELAShareSnapGetOrCreateSnapDir(share, buf, sizeof(buf), 0));
   EXPECT_EQ(VLIB_ERR_NOT_FOUND, VLIBCErrGet());
-  EXPECT_FALSE(Exists("/volume1/@snapshots/gone"));
-  // Nor can a record lead outside its volume.
+  EXPECT_EQ(-1, VELAShareSnapList(share, nullptr, nullptr));
+  snprintf(share->szName, sizeof(share->szName), "gone");
+  EXPECT_EQ(-1, VELAShareSnapGetOrCreateSnapDir(share, buf, sizeof(buf), 0));
+  EXPECT_FALSE(Exists("/run/vela-snapshots/volume1/gone"));
+  // Nor can a record lead outside its volume's directories.
   snprintf(share->szName, sizeof(share->szName), "../../run");
   EXPECT_EQ(-1, VELAShareSnapGetOrCreateSnapDir(share, buf, sizeof(buf), 0));
   EXPECT_EQ(VLIB_ERR_BAD_PARAMETERS, VLIBCErrGet());
   VELAShareFree(share);
+
+  // A snapshot directory root that someone else could write to is refused.
+  share = GetShare("s");
+  ASSERT_EQ(0, chmod("/run/vela-snapshots", 0777));
+  EXPECT_EQ(-1, VELAShareSnapGetOrCreateSnapDir(share, buf, sizeof(buf), 0));
+  EXPECT_EQ(VLIB_ERR_SYSTEM, VLIBCErrGet());
+  VELAShareFree(share);
 }
 
-TEST(ShareAdministration, CreatesSharesAndTakesAndDeletesReadOnlySnapshots) {
+TEST(ShareAdministration, CreatesSharesAndTakesAndDeletesItsOwnSnapshots) {
   BtrfsImage volume1("/volume1");
   BtrfsImage volume2("/volume2");
   MustRun({"mount", "-t", "tmpfs", "tmpfs", "/volume3"});
@@ -229,8 +344,7 @@ TEST(ShareAdministration, CreatesSharesAndTakesAndDeletesReadOnlySnapshots) {
   } refused[] = {
       {1, "docs", VLIB_ERR_EXISTS},     {2, "docs", VLIB_ERR_EXISTS},  // names are unique across volumes
       {3, "x", VLIB_ERR_BAD_FS_TYPE},   {4, "x", VLIB_ERR_NOT_FOUND},     {0, "x", VLIB_ERR_BAD_PARAMETERS},
-      {1, "@x", VLIB_ERR_BAD_PARAMETERS}, {1, ".x", VLIB_ERR_BAD_PARAMETERS}, {1, "a/b", VLIB_ERR_BAD_PARAMETERS},
-      {1, "", VLIB_ERR_BAD_PARAMETERS},
+      {1, ".x", VLIB_ERR_BAD_PARAMETERS}, {1, "a/b", VLIB_ERR_BAD_PARAMETERS}, {1, "", VLIB_ERR_BAD_PARAMETERS},
   };
   for (const auto& c : refused) {
     EXPECT_EQ(-1, VELAShareCreate(c.volume, c.name)) << c.volume << " " << c.name;
@@ -240,14 +354,15 @@ TEST(ShareAdministration, CreatesSharesAndTakesAndDeletesReadOnlySnapshots) {
   EXPECT_EQ(-1, VELAShareCreate(2, "plain"));
   EXPECT_EQ(VLIB_ERR_EXISTS, VLIBCErrGet());
   EXPECT_FALSE(Exists("/volume3/x"));
+  ASSERT_EQ(0, VELAShareCreate(2, "@data"));
 
   PVELASHARE share = GetShare("docs");
   ASSERT_NE(nullptr, share);
-  const char* name = "GMT+08-2024.03.05-17.04.09";
-  const std::string path = std::string("/volume1/@snapshots/docs/") + name;
-  ASSERT_EQ(0, VELAShareSnapCreate(share, name));
-  EXPECT_TRUE(IsReadOnlySnapshot(path));
-  EXPECT_EQ(-1, VELAShareSnapCreate(share, name));
+  const char* entry = "GMT+08-2024.03.05-17.04.09";
+  const std::string path = std::string("/volume1/@snapshots/docs/") + entry;
+  ASSERT_EQ(0, VELAShareSnapCreate(share, entry));
+  EXPECT_EQ("ro=true\n", MustRun({"btrfs", "property", "get", "-ts", path, "ro"}));
+  EXPECT_EQ(-1, VELAShareSnapCreate(share, entry));
   EXPECT_EQ(VLIB_ERR_EXISTS, VLIBCErrGet());
   for (const char* bad : {"snap", "GMT+08-2024.03.05-17.04.09/x", "../GMT+08-2024.03.05-17.04.09"}) {
     EXPECT_EQ(-1, VELAShareSnapCreate(share, bad)) << bad;
@@ -255,19 +370,74 @@ TEST(ShareAdministration, CreatesSharesAndTakesAndDeletesReadOnlySnapshots) {
     EXPECT_EQ(-1, VELAShareSnapDelete(share, bad)) << bad;
     EXPECT_EQ(VLIB_ERR_BAD_PARAMETERS, VLIBCErrGet()) << bad;
   }
+  // Listed by its creation time, which its entry's name does not decide.
+  const std::vector<Listed> listed = Infos(share);
+  ASSERT_EQ(1u, listed.size());
+  EXPECT_EQ(UtcSnapshotName(CreationTime(path)), listed[0].name);
+  EXPECT_EQ("vela-share", listed[0].tool);
 
-  // A writable subvolume in the snapshot directory is not a snapshot.
-  const std::string writable = "/volume1/@snapshots/docs/GMT-2024.03.05-00.00.00";
-  MustRun({"btrfs", "-q", "subvolume", "snapshot", "/volume1/docs", writable});
-  EXPECT_EQ(-1, VELAShareSnapDelete(share, "GMT-2024.03.05-00.00.00"));
+  // A snapshot another tool made is not this call's to delete.
+  MustRun({"mkdir", "-p", "/volume1/.snapshots/7"});
+  volume1.Snapshot("/volume1/docs", "/volume1/.snapshots/7/snapshot");
+  const std::vector<Listed> both = Infos(share);
+  ASSERT_EQ(2u, both.size());
+  EXPECT_EQ(-1, VELAShareSnapDelete(share, both[1].name.c_str()));
   EXPECT_EQ(VLIB_ERR_NOT_FOUND, VLIBCErrGet());
-  EXPECT_TRUE(Exists(writable));
+  EXPECT_TRUE(Exists("/volume1/.snapshots/7/snapshot"));
 
-  ASSERT_EQ(0, VELAShareSnapDelete(share, name));
+  ASSERT_EQ(0, VELAShareSnapDelete(share, listed[0].name.c_str()));
   EXPECT_FALSE(Exists(path));
-  EXPECT_EQ(-1, VELAShareSnapDelete(share, name));
+  EXPECT_EQ(-1, VELAShareSnapDelete(share, listed[0].name.c_str()));
   EXPECT_EQ(VLIB_ERR_NOT_FOUND, VLIBCErrGet());
   VELAShareFree(share);
+}
+
+// Snapshots taken and deleted, and a second volume mounted and unmounted,
+// all the while the shares and snapshots are listed: every listing either
+// answers whole and in order or fails cleanly, and a snapshot it names is
+// one that existed.
+TEST(Listing, GoesOnWhileSnapshotsComeAndGoAndAVolumeIsUnmounted) {
+  BtrfsImage volume1("/volume1");
+  BtrfsImage volume2("/volume2");
+  volume1.CreateSubvolume("s");
+  volume2.CreateSubvolume("t");
+  std::atomic<bool> done{false};
+  std::thread churn([&] {
+    for (int i = 0; !done; ++i) {
+      const std::string snapshot = "/volume1/snap" + std::to_string(i % 4);
+      if (i % 8 < 4) {
+        RunCommand({"btrfs", "-q", "subvolume", "snapshot", "-r", "/volume1/s", snapshot});
+      } else {
+        RunCommand({"btrfs", "-q", "subvolume", "delete", snapshot});
+      }
+      if (i % 10 == 0) RunCommand({"umount", "/volume2"});
+      if (i % 10 == 5) RunCommand({"mount", "-o", "loop", volume2.ImagePath(), "/volume2"});
+    }
+  });
+  int listings = 0, failures = 0;
+  for (const time_t end = time(nullptr) + 2; time(nullptr) < end; ++listings) {
+    const std::vector<std::string> shares = Shares();
+    EXPECT_TRUE(shares == std::vector<std::string>{"s"} || shares == (std::vector<std::string>{"s", "t"}));
+    PVELASHARE share = nullptr;
+    if (VELAShareGet("s", &share) != 0) {
+      ++failures;
+      continue;
+    }
+    const std::vector<Listed> listed = Infos(share);
+    for (size_t i = 0; i < listed.size(); ++i) {
+      EXPECT_EQ(0u, listed[i].path.find("/volume1/snap")) << listed[i].path;
+      if (i > 0) {
+        EXPECT_LE(listed[i - 1].time, listed[i].time);
+      }
+    }
+    char dir[4096];
+    if (VELAShareSnapGetOrCreateSnapDir(share, dir, sizeof(dir), 0) != 1) ++failures;
+    VELAShareFree(share);
+  }
+  done = true;
+  churn.join();
+  EXPECT_GT(listings, 10);
+  EXPECT_EQ(0, failures) << "of " << listings;
 }
 
 }  // namespace

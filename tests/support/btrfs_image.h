@@ -27,7 +27,6 @@ class BtrfsImage {
 
   const std::string& MountPoint() const { return mountPoint_; }
   const std::string& ImagePath() const { return imagePath_; }
-  bool Mounted() const { return mounted_; }
 
   void Mount();
   void Unmount();

@@ -4,13 +4,43 @@
 
 #include <ctime>
 #include <sstream>
+#include <stdexcept>
 
 #include "support/command.h"
 #include "support/fork_child.h"
 #include "support/syslog_capture.h"
+#include "vela/vela_share.h"
 #include "velabtrfssnapusage/share_task_status.h"
 
 namespace vela::test {
+
+namespace {
+
+// Takes a read-only snapshot of /volumeN/SHARE (its own name on that
+// volume) at DIR/ENTRY and returns how listings show it.
+TakenSnapshot TakeSnapshot(const BtrfsImage& volume, const std::string& share, const std::string& dir,
+                           const std::string& entry) {
+  MustRun({"mkdir", "-p", dir});
+  volume.Snapshot(volume.MountPoint() + "/" + share, dir + "/" + entry);
+  TakenSnapshot taken;
+  taken.path = dir + "/" + entry;
+  PVELASHARE record = nullptr;
+  PVELASNAPINFO infos = nullptr;
+  const int count = VELAShareGet(share.c_str(), &record) == 0 ? VELAShareSnapInfoList(record, &infos) : -1;
+  for (int i = 0; i < count; ++i) {
+    if (infos[i].szPath == taken.path) {
+      taken.name = infos[i].szName;
+      taken.time = infos[i].time;
+      taken.id = infos[i].subvolId;
+    }
+  }
+  VELAShareSnapInfoFree(infos);
+  VELAShareFree(record);
+  if (taken.name.empty()) throw std::runtime_error("snapshot " + taken.path + " is not listed");
+  return taken;
+}
+
+}  // namespace
 
 std::string Compact(const Json::Value& value) {
   Json::StreamWriterBuilder builder;
@@ -24,15 +54,6 @@ std::string Answer(const VELA::APIResponse& response) {
   return "error " + std::to_string(response.GetErrorCode());
 }
 
-std::string UtcSnapName(long t) {
-  char name[64];
-  const time_t when = t;
-  struct tm utc;
-  gmtime_r(&when, &utc);
-  strftime(name, sizeof(name), "GMT-%Y.%m.%d-%H.%M.%S", &utc);
-  return name;
-}
-
 std::string StartParams(const std::string& share, long start, long end) {
   return R"({"share_name":")" + share + R"(","range":{"range_start":)" + std::to_string(start) +
          R"(,"range_end":)" + std::to_string(end) + "}}";
@@ -41,12 +62,9 @@ std::string StartParams(const std::string& share, long start, long end) {
 void ShareFixture::SetUp() {
   BecomeSubreaper();
   ClearSyslog();
-  for (const char* share : {"share1", "share2"}) {
-    volume_.CreateSubvolume(share);
-    MustRun({"mkdir", "-p", std::string("/volume1/@snapshots/") + share});
-  }
-  for (int i = 0; i < 3; ++i) Snapshot("share1", kT0 + i * kHour);
-  Snapshot("share2", kT0 + kHour);
+  for (const char* share : {"share1", "share2"}) volume_.CreateSubvolume(share);
+  for (int i = 0; i < 3; ++i) Snapshot("share1");
+  Snapshot("share2");
   tool_.Script({"exclusive 600 bytes", "processed 300 bytes", "@subvols 100", "processed 600 bytes"});
 }
 
@@ -55,8 +73,10 @@ void ShareFixture::TearDown() {
   EXPECT_FALSE(HasChildren()) << "a calculator process was left behind";
 }
 
-void ShareFixture::Snapshot(const std::string& share, long t) {
-  volume_.Snapshot("/volume1/" + share, "/volume1/@snapshots/" + share + "/" + UtcSnapName(t));
+TakenSnapshot ShareFixture::Snapshot(const std::string& share) {
+  std::vector<TakenSnapshot>& taken = snaps_[share];
+  taken.push_back(TakeSnapshot(volume_, share, "/volume1/@snapshots/" + share, "s" + std::to_string(taken.size())));
+  return taken.back();
 }
 
 std::string ShareFixture::Call(const std::string& method, const std::string& params) {

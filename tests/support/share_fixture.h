@@ -10,32 +10,40 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include "support/btrfs_image.h"
 #include "support/btrfs_tool_double.h"
+#include "support/machine_image.h"
 #include "support/module_loader.h"
 
 namespace vela::test {
 
-constexpr long kHour = 3600;
-constexpr long kT0 = 1709629449;  // 2024-03-05 09:04:09 UTC
+constexpr long kT0 = 1709629449;  // 2024-03-05 09:04:09 UTC: before every snapshot
 
 // "ok " + the data as compact JSON, "error " + the code, or "unanswered".
 std::string Answer(const VELA::APIResponse& response);
 std::string Compact(const Json::Value& value);
-// The snapshot name of `t` in UTC.
-std::string UtcSnapName(long t);
 // Parameters of a start over [start, end].
 std::string StartParams(const std::string& share, long start, long end);
 
+// A snapshot taken by a test, as listings show it.
+struct TakenSnapshot {
+  std::string name;  // its name in listings: its creation time
+  long time = 0;     // its creation time
+  std::string path;  // where it lies
+  unsigned long long id = 0;
+};
+
 class ShareFixture : public testing::Test {
  protected:
-  // share1: three snapshots an hour apart from kT0; share2: one at kT0 + 1 h.
+  // share1: three snapshots (snaps_["share1"], oldest first); share2: one.
   void SetUp() override;
   // Every calculation must have ended by itself: nothing may be left.
   void TearDown() override;
 
-  void Snapshot(const std::string& share, long t);
+  // Takes a read-only snapshot of the share and keeps it in snaps_.
+  TakenSnapshot Snapshot(const std::string& share);
   std::string Call(const std::string& method, const std::string& params);
   // The share's state and error code, straight from its status record.
   std::string State(const std::string& share);
@@ -48,6 +56,7 @@ class ShareFixture : public testing::Test {
   std::map<std::string, unsigned long long> RootIds();
 
   BtrfsImage volume_{"/volume1"};
+  std::map<std::string, std::vector<TakenSnapshot>> snaps_;
   BtrfsToolDouble tool_;
   ModuleLoader module_{ModulePath()};
 };

@@ -1,8 +1,10 @@
 // The administrator's share tool from the command line, on fresh loopback
-// volumes: its output columns, exit statuses and messages.
+// volumes and on a machine's file system adopted through its root: its
+// output columns, exit statuses and messages.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <string>
@@ -10,6 +12,7 @@
 
 #include "support/btrfs_image.h"
 #include "support/command.h"
+#include "support/machine_image.h"
 #include "vela/vela_share.h"
 
 namespace vela::test {
@@ -21,11 +24,16 @@ CommandResult Tool(std::vector<std::string> args) {
   return RunCommand(args);
 }
 
-bool IsReadOnlySnapshot(const std::string& path) {
-  return RunCommand({"btrfs", "property", "get", "-ts", path, "ro"}).out == "ro=true\n";
+std::string LocalTime(long t) {
+  const time_t when = t + 8 * 3600;
+  struct tm local;
+  gmtime_r(&when, &local);
+  char text[64];
+  strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S +0800", &local);
+  return text;
 }
 
-TEST(VelaShare, EveryCommandOnAFreshVolume) {
+TEST(VelaShare, SharesAndSnapshotsOnAFreshVolume) {
   BtrfsImage volume1("/volume1");
   BtrfsImage volume2("/volume2");
   auto r = Tool({"create", "1", "media"});
@@ -38,44 +46,88 @@ TEST(VelaShare, EveryCommandOnAFreshVolume) {
   EXPECT_EQ(0, r.status) << r.err;
   EXPECT_EQ("media\t/volume1\t/volume1/media\ndocs\t/volume2\t/volume2/docs\n", r.out);
 
+  // Named on disk by the local time, listed by the creation time in UTC.
   r = Tool({"snapshot", "media"});
   ASSERT_EQ(0, r.status) << r.err;
-  const std::string now = r.out.substr(0, r.out.size() - 1);
+  const std::string name = r.out.substr(0, r.out.size() - 1);
   time_t taken = 0;
-  EXPECT_EQ(0u, now.find("GMT+08-")) << now;
-  ASSERT_EQ(0, VELAShareSnapTimeGet(now.c_str(), &taken)) << now;
-  EXPECT_LT(std::abs(time(nullptr) - taken), 60) << now;
-  EXPECT_TRUE(IsReadOnlySnapshot("/volume1/@snapshots/media/" + now));
-  r = Tool({"snapshot", "media", "GMT-2024.03.05-09.04.09"});
-  ASSERT_EQ(0, r.status) << r.err;
-  EXPECT_EQ("GMT-2024.03.05-09.04.09\n", r.out);
-  r = Tool({"snapshot", "media", "GMT+0530-2024.03.05-14.00.00"});
-  ASSERT_EQ(0, r.status) << r.err;
+  ASSERT_EQ(0, VELAShareSnapTimeGet(name.c_str(), &taken)) << name;
+  EXPECT_EQ(UtcSnapshotName(taken), name);
+  EXPECT_LT(std::abs(time(nullptr) - taken), 60) << name;
+  r = Tool({"snapshots", "media"});
+  const size_t at = r.out.find("\tvela-share\t/volume1/@snapshots/media/GMT+08-");
+  ASSERT_NE(std::string::npos, at) << r.out;
+  const std::string path = r.out.substr(at + 12, r.out.size() - at - 13);
+  EXPECT_EQ("ro=true\n", MustRun({"btrfs", "property", "get", "-ts", path, "ro"}));
 
+  // A snapshot made by another tool is listed with it, and left alone.
+  MustRun({"mkdir", "-p", "/volume1/.snapshots/1"});
+  volume1.Snapshot("/volume1/media", "/volume1/.snapshots/1/snapshot");
   r = Tool({"snapshots", "media"});
   EXPECT_EQ(0, r.status) << r.err;
-  const std::string listed = r.out;
-  EXPECT_EQ(0u, listed.find("GMT+0530-2024.03.05-14.00.00\t1709627400\t2024-03-05 16:30:00 +0800\n"
-                            "GMT-2024.03.05-09.04.09\t1709629449\t2024-03-05 17:04:09 +0800\n" +
-                            now + "\t"))
-      << listed;
-
-  r = Tool({"delete-snapshot", "media", "GMT-2024.03.05-09.04.09"});
+  const long other = CreationTime("/volume1/.snapshots/1/snapshot");
+  const std::string rootId = MustRun({"btrfs", "inspect-internal", "rootid", "/volume1/.snapshots/1/snapshot"});
+  const std::string otherName = UtcSnapshotName(other) + (other == taken ? "_" + rootId.substr(0, rootId.size() - 1) : "");
+  EXPECT_EQ(name + "\t" + std::to_string(taken) + "\t" + LocalTime(taken) + "\tvela-share\t" + path + "\n" +
+                otherName + "\t" + std::to_string(other) + "\t" + LocalTime(other) +
+                "\tsnapper\t/volume1/.snapshots/1/snapshot\n",
+            r.out);
+  r = Tool({"delete-snapshot", "media", otherName});
+  EXPECT_EQ(1, r.status);
+  EXPECT_EQ("vela-share: snapshot \"" + otherName +
+                "\" of share \"media\" was made by snapper, not here; it is left alone\n",
+            r.err);
+  r = Tool({"delete-snapshot", "media", name});
   EXPECT_EQ(0, r.status) << r.err;
   EXPECT_EQ("", r.out);
   r = Tool({"snapshots", "media"});
-  EXPECT_EQ(std::string::npos, r.out.find("GMT-2024.03.05-09.04.09")) << r.out;
-  EXPECT_NE(std::string::npos, r.out.find(now)) << r.out;
+  EXPECT_EQ(std::string::npos, r.out.find("vela-share")) << r.out;
   r = Tool({"snapshots", "docs"});
   EXPECT_EQ(0, r.status);
   EXPECT_EQ("", r.out);
+  // Taken in one second, or not: each is a snapshot of its own.
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(0, Tool({"snapshot", "docs"}).status);
+  r = Tool({"snapshots", "docs"});
+  EXPECT_EQ(3, std::count(r.out.begin(), r.out.end(), '\n')) << r.out;
+}
+
+TEST(VelaShare, AdoptsAMachinesFileSystemListsAndReleasesIt) {
+  MachineImage machine;
+  BtrfsImage native("/volume2");
+  auto r = Tool({"volume", "add", machine.RootPath() + "/etc"});
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_EQ("/volume1\n", r.out);
+  r = Tool({"list"});
+  EXPECT_EQ("@\t/volume1\t/volume1/@\n@home\t/volume1\t/volume1/@home\ndata\t/volume1\t/volume1/@/srv/data\n", r.out);
+  r = Tool({"snapshots", "@home"});
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_NE(std::string::npos, r.out.find("\ttimeshift\t/volume1/timeshift-btrfs/snapshots/2026-01-05_10-00-01/@home\n"))
+      << r.out;
+  r = Tool({"volumes"});
+  const std::string uuid = MustRun({"blkid", "-o", "value", "-s", "UUID", machine.ImagePath()});
+  EXPECT_EQ(0u, r.out.find("1\t/volume1\tadopted\t/dev/loop")) << r.out;
+  EXPECT_NE(std::string::npos, r.out.find("\t" + uuid + "2\t/volume2\tmounted\t/dev/loop")) << r.out;
+
+  // At boot the adopted file system comes back; what is mounted stays.
+  MustRun({"umount", "/volume1"});
+  EXPECT_EQ(0u, Tool({"volumes"}).out.find("1\t/volume1\tadopted-unmounted\t\t" + uuid));
+  r = Tool({"volume", "restore"});
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_EQ("/volume1\n", r.out);
+  EXPECT_EQ("", Tool({"volume", "restore"}).out);
+
+  r = Tool({"volume", "remove", "1"});
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_EQ("", r.out);
+  EXPECT_EQ(0u, Tool({"volumes"}).out.find("2\t/volume2\tmounted\t"));
+  struct stat st;
+  EXPECT_NE(0, stat("/volume1/@home", &st));
 }
 
 TEST(VelaShare, EachFailureExitsNonZeroWithItsMessage) {
   BtrfsImage volume1("/volume1");
   MustRun({"mount", "-t", "tmpfs", "tmpfs", "/volume3"});
   ASSERT_EQ(0, Tool({"create", "1", "media"}).status);
-  ASSERT_EQ(0, Tool({"snapshot", "media", "GMT+08-2024.03.05-17.04.09"}).status);
   ASSERT_EQ(0, mkdir("/volume1/plain", 0755));
 
   const struct {
@@ -87,21 +139,26 @@ TEST(VelaShare, EachFailureExitsNonZeroWithItsMessage) {
       {{"create", "3", "x"}, 1, "/volume3 is not a btrfs volume"},
       {{"create", "1", "media"}, 1, "share name \"media\" is taken by /volume1/media"},
       {{"create", "1", "plain"}, 1, "/volume1/plain exists already"},
-      {{"create", "1", "@x"}, 1, "\"@x\" is not a share name"},
+      {{"create", "1", ".x"}, 1, "\".x\" is not a share name"},
       {{"snapshot", "nosuch"}, 1, "no share named \"nosuch\""},
       {{"snapshots", "plain"}, 1, "no share named \"plain\""},
       {{"delete-snapshot", "nosuch", "GMT+08-2024.03.05-17.04.09"}, 1, "no share named \"nosuch\""},
-      {{"snapshot", "media", "GMT+08-2024.03.05-17.04.09"}, 1,
-       "share \"media\" has a snapshot named \"GMT+08-2024.03.05-17.04.09\" already"},
-      {{"snapshot", "media", "GMT+0800-2024.03.05-17.04.09"}, 1,
-       "\"GMT+0800-2024.03.05-17.04.09\" is not a snapshot name"},
       {{"delete-snapshot", "media", "GMT-2024.03.05-09.04.09"}, 1,
        "share \"media\" has no snapshot named \"GMT-2024.03.05-09.04.09\""},
+      {{"delete-snapshot", "media", "snap"}, 1, "\"snap\" is not a snapshot name"},
+      {{"volume", "add", "/run"}, 1, "/run is not on a btrfs file system"},
+      {{"volume", "add", "/volume1"}, 1, "the file system of /volume1 is a volume already"},
+      {{"volume", "add", "/no/such/dir"}, 1, "/no/such/dir does not exist"},
+      {{"volume", "remove", "1"}, 1, "volume 1 is not an adopted volume"},
       {{}, 2, "a command is needed"},
       {{"create", "1"}, 2, "wrong number of arguments for create"},
+      {{"snapshot", "media", "GMT-2024.03.05-09.04.09"}, 2, "wrong number of arguments for snapshot"},
       {{"list", "extra"}, 2, "wrong number of arguments for list"},
       {{"create", "/volume1/x", "y"}, 2, "VOLUME must be a volume number or /volumeN, not \"/volume1/x\""},
       {{"create", "one", "y"}, 2, "VOLUME must be a volume number or /volumeN, not \"one\""},
+      {{"volume", "add", "/volume1", "--number", "x"}, 2, "--number needs a volume number, not \"x\""},
+      {{"volume", "remove", "one"}, 2, "N must be a volume number or /volumeN, not \"one\""},
+      {{"volume"}, 2, "volume needs add, remove or restore"},
       {{"remove", "media"}, 2, "unknown command \"remove\""},
   };
   for (const auto& c : cases) {

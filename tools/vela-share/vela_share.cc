@@ -1,7 +1,8 @@
-// vela-share: the administrator's tool for shares and their snapshots on
-// plain Linux, where a volume is a btrfs file system mounted at /volumeN, a
-// share a subvolume right under it, and its snapshots read-only snapshots
-// in /volumeN/@snapshots/SHARE named by the time they were taken.
+// vela-share: the administrator's tool for volumes, shares and snapshots on
+// plain Linux. A volume is a btrfs file system mounted at /volumeN, by any
+// means or adopted with "volume add"; its shares are its subvolumes that
+// keep data, and their snapshots are found by their parent UUID wherever
+// they lie, whichever tool made them.
 //
 // Output is one line per item, columns separated by one tab, no header, so
 // that scripts can read it; messages go to standard error.
@@ -11,7 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <set>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -19,38 +20,53 @@
 #include "vela/vela_share.h"
 #include "vela/vela_volume.h"
 #include "vela/vlib_error.h"
-#include "vela/vlib_szlist.h"
-#include "velabtrfssnapusage/time_string.h"
 
 namespace {
 
 constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
+constexpr char kVolumeSettings[] = VELA_VOLUME_SETTINGS_PATH;
+constexpr int kMaxSnapshotsPerSecond = 100;
 
 constexpr char kUsage[] =
     "usage: vela-share COMMAND [ARGUMENT]...\n"
     "\n"
-    "Commands:\n"
-    "  list                        list every share of every mounted btrfs volume,\n"
-    "                              one per line: NAME<TAB>VOLUME<TAB>PATH, as in\n"
-    "                              docs<TAB>/volume1<TAB>/volume1/docs\n"
-    "  create VOLUME NAME          create share NAME on VOLUME (\"1\" or \"/volume1\")\n"
-    "                              and print its path\n"
-    "  snapshot SHARE [NAME]       take a read-only snapshot of SHARE named NAME, or\n"
-    "                              by the local time now; print its name\n"
+    "Volumes:\n"
+    "  volume add PATH [--number N]  adopt the mounted btrfs file system holding PATH\n"
+    "                              (whichever subvolume is mounted there) as volume N,\n"
+    "                              the lowest free number by default: its top level is\n"
+    "                              mounted at /volumeN, and again at every boot by\n"
+    "                              \"volume restore\"; nothing in it is changed. Prints\n"
+    "                              /volumeN\n"
+    "  volume remove N             unmount adopted volume N and forget it (no data is\n"
+    "                              touched)\n"
+    "  volume restore              mount every adopted volume that is not mounted (run\n"
+    "                              at boot by vela-volumes.service)\n"
+    "  volumes                     list the volumes, one per line:\n"
+    "                              NUMBER<TAB>PATH<TAB>STATE<TAB>DEVICE<TAB>UUID, STATE\n"
+    "                              \"mounted\" (at /volumeN by other means), \"adopted\" or\n"
+    "                              \"adopted-unmounted\"\n"
+    "\n"
+    "Shares and snapshots:\n"
+    "  list                        list every share of every volume, one per line:\n"
+    "                              NAME<TAB>VOLUME<TAB>PATH\n"
+    "  create VOLUME NAME          create share NAME right under VOLUME (\"1\" or\n"
+    "                              \"/volume1\") and print its path\n"
+    "  snapshot SHARE              take a read-only snapshot of SHARE as\n"
+    "                              /volumeN/@snapshots/SHARE/<local time now>[_N];\n"
+    "                              print its name\n"
     "  snapshots SHARE             list SHARE's snapshots, oldest first, one per line:\n"
-    "                              NAME<TAB>SECONDS<TAB>LOCAL TIME (seconds since the\n"
-    "                              epoch, UTC; local time as 2024-03-05 17:04:09 +0800)\n"
-    "  delete-snapshot SHARE NAME  delete snapshot NAME of SHARE\n"
+    "                              NAME<TAB>SECONDS<TAB>LOCAL TIME<TAB>TOOL<TAB>PATH\n"
+    "  delete-snapshot SHARE NAME  delete snapshot NAME of SHARE (only those taken here)\n"
     "  help                        show this text\n"
     "\n"
-    "A volume is a btrfs file system mounted at /volumeN. A share is a subvolume\n"
-    "right under it whose name does not begin with \".\" or \"@\"; share names are\n"
-    "unique across volumes. Snapshots live in /volumeN/@snapshots/SHARE and are\n"
-    "named by their time: GMT+08-2024.03.05-17.04.09 is local time at UTC+08:00\n"
-    "(minutes only when not zero: GMT+0530-..., GMT-0330-...), and\n"
-    "GMT-2024.03.05-09.04.09 is UTC.\n"
+    "Every subvolume that keeps data is a share, wherever it lies, named by its own\n"
+    "name (NAME~vN-ID when another share of any volume has it too). Its snapshots are\n"
+    "the subvolumes whose parent UUID is the share's, whichever tool made them\n"
+    "(TOOL: snapper, timeshift, btrbk, vela-share, other). A snapshot is named by its\n"
+    "creation time in UTC, GMT-2024.03.05-09.04.09, with _ID after it when an older\n"
+    "snapshot of the share has the same second; SECONDS are since the epoch.\n"
     "\n"
     "Exit status: 0 done, 1 failed (the reason on standard error), 2 usage error.\n";
 
@@ -72,7 +88,7 @@ std::string SystemReason() {
   return text;
 }
 
-// "1" or "/volume1"; 0 when it is neither.
+// A volume number: "1" or "/volume1"; 0 when it is neither.
 int ParseVolume(const std::string& arg) {
   std::string path = arg;
   if (!arg.empty() && arg[0] != '/') path = "/volume" + arg;
@@ -81,10 +97,14 @@ int ParseVolume(const std::string& arg) {
   return info.volume;
 }
 
+using SharePtr = std::unique_ptr<VELASHARE, decltype(&VELAShareFree)>;
+using SnapshotsPtr = std::unique_ptr<VELASNAPINFO, decltype(&VELAShareSnapInfoFree)>;
+using VolumesPtr = std::unique_ptr<VELAVOLUME, decltype(&VELAVolumeEnumFree)>;
+
 // The share named `name`, or NULL after a message.
-PVELASHARE FindShare(const char* name) {
+SharePtr FindShare(const char* name) {
   PVELASHARE share = nullptr;
-  if (VELAShareGet(name, &share) == 0) return share;
+  if (VELAShareGet(name, &share) == 0) return SharePtr(share, &VELAShareFree);
   if (VLIBCErrGet() == VLIB_ERR_NOT_FOUND) {
     fprintf(stderr, "vela-share: no share named \"%s\" on any mounted btrfs volume\n", name);
   } else if (VLIBCErrGet() == VLIB_ERR_BAD_PARAMETERS) {
@@ -92,7 +112,19 @@ PVELASHARE FindShare(const char* name) {
   } else {
     fprintf(stderr, "vela-share: cannot look up share \"%s\": %s\n", name, SystemReason().c_str());
   }
-  return nullptr;
+  return SharePtr(nullptr, &VELAShareFree);
+}
+
+// The share's snapshots; a negative count after a message.
+int ListSnapshots(VELASHARE* share, SnapshotsPtr& snapshots) {
+  PVELASNAPINFO raw = nullptr;
+  const int count = VELAShareSnapInfoList(share, &raw);
+  snapshots.reset(raw);
+  if (count < 0) {
+    fprintf(stderr, "vela-share: cannot list the snapshots of share \"%s\": %s\n", share->szName,
+            SystemReason().c_str());
+  }
+  return count;
 }
 
 int List() {
@@ -102,23 +134,13 @@ int List() {
     return kExitFailed;
   }
   int status = kExitOk;
-  // Enumeration gives names by volume; each lookup finds the volume again.
-  // A name on two volumes (made by hand) is one share to the module: the
-  // one on the lowest volume. It is listed once, with a warning.
-  std::set<std::string> listed;
   for (int i = 0; i < names.Count(); ++i) {
-    if (!listed.insert(names.At(i)).second) {
-      fprintf(stderr, "vela-share: warning: share name \"%s\" is on more than one volume; the one on the lowest volume is used\n",
-              names.At(i));
-      continue;
-    }
-    PVELASHARE share = FindShare(names.At(i));
+    const SharePtr share = FindShare(names.At(i));
     if (share == nullptr) {
       status = kExitFailed;
       continue;
     }
     printf("%s\t%s\t%s\n", share->szName, share->szVolPath, share->szPath);
-    VELAShareFree(share);
   }
   return status;
 }
@@ -141,9 +163,7 @@ int Create(const std::string& volumeArg, const char* name) {
       fprintf(stderr, "vela-share: /volume%d is not a btrfs volume; shares need btrfs\n", volume);
       break;
     case VLIB_ERR_BAD_PARAMETERS:
-      fprintf(stderr,
-              "vela-share: \"%s\" is not a share name: it must not be empty, contain \"/\", or begin with "
-              "\".\" or \"@\"\n",
+      fprintf(stderr, "vela-share: \"%s\" is not a share name: it must not be empty, contain \"/\", or begin with \".\"\n",
               name);
       break;
     case VLIB_ERR_EXISTS: {
@@ -163,81 +183,198 @@ int Create(const std::string& volumeArg, const char* name) {
   return kExitFailed;
 }
 
-int Snapshot(const char* shareName, const char* snapName) {
-  char now[64];
-  if (snapName == nullptr) {
-    if (VelaBtrfsUsage::Utils::SnapNameGenerateByTime(now, sizeof(now), time(nullptr), TRUE) != 0 ||
-        now[0] == '\0') {
-      fprintf(stderr, "vela-share: cannot name a snapshot by the local time\n");
-      return kExitFailed;
-    }
-    snapName = now;
-  }
-  time_t when;
-  if (VELAShareSnapTimeGet(snapName, &when) != 0) {
-    fprintf(stderr,
-            "vela-share: \"%s\" is not a snapshot name (like GMT+08-2024.03.05-17.04.09 or "
-            "GMT-2024.03.05-09.04.09)\n",
-            snapName);
+int Snapshot(const char* shareName) {
+  char entry[64];
+  if (VELAShareSnapNameMake(time(nullptr), TRUE, entry, sizeof(entry)) != 0 || entry[0] == '\0') {
+    fprintf(stderr, "vela-share: cannot name a snapshot by the local time\n");
     return kExitFailed;
   }
-  PVELASHARE share = FindShare(shareName);
+  const SharePtr share = FindShare(shareName);
   if (share == nullptr) return kExitFailed;
-  int status = kExitOk;
-  if (VELAShareSnapCreate(share, snapName) == 0) {
-    printf("%s\n", snapName);
-  } else if (VLIBCErrGet() == VLIB_ERR_EXISTS) {
-    fprintf(stderr, "vela-share: share \"%s\" has a snapshot named \"%s\" already\n", shareName, snapName);
-    status = kExitFailed;
-  } else {
-    fprintf(stderr, "vela-share: cannot snapshot share \"%s\" as \"%s\": %s\n", shareName, snapName,
-            SystemReason().c_str());
-    status = kExitFailed;
+  // A second snapshot in the same second gets "_2" after the time, and so on.
+  const std::string time = entry;
+  for (int n = 2; VELAShareSnapCreate(share.get(), entry) != 0; ++n) {
+    if (VLIBCErrGet() != VLIB_ERR_EXISTS || n > kMaxSnapshotsPerSecond) {
+      fprintf(stderr, "vela-share: cannot snapshot share \"%s\" as \"%s\": %s\n", shareName, entry,
+              SystemReason().c_str());
+      return kExitFailed;
+    }
+    snprintf(entry, sizeof(entry), "%s_%d", time.c_str(), n);
   }
-  VELAShareFree(share);
-  return status;
+  // Listings name it by its creation time, which is the one to use with
+  // the other commands.
+  SnapshotsPtr snapshots(nullptr, &VELAShareSnapInfoFree);
+  const int count = ListSnapshots(share.get(), snapshots);
+  const std::string suffix = std::string("/") + entry;
+  for (int i = 0; i < count; ++i) {
+    const std::string path = snapshots.get()[i].szPath;
+    if (path.size() > suffix.size() && path.compare(path.size() - suffix.size(), suffix.size(), suffix) == 0 &&
+        strcmp(snapshots.get()[i].szTool, "vela-share") == 0) {
+      printf("%s\n", snapshots.get()[i].szName);
+      return kExitOk;
+    }
+  }
+  fprintf(stderr, "vela-share: the snapshot %s of share \"%s\" is not listed\n", entry, shareName);
+  return kExitFailed;
 }
 
 int Snapshots(const char* shareName) {
-  PVELASHARE share = FindShare(shareName);
+  const SharePtr share = FindShare(shareName);
   if (share == nullptr) return kExitFailed;
-  vela::platform::SzList names;
-  int status = kExitOk;
-  if (!names.Ok() || VELAShareSnapList(share, names.Address(), nullptr) < 0) {
-    fprintf(stderr, "vela-share: cannot list the snapshots of share \"%s\": %s\n", shareName,
-            SystemReason().c_str());
-    status = kExitFailed;
-  } else {
-    tzset();
-    for (int i = 0; i < names.Count(); ++i) {
-      time_t when = 0;
-      VELAShareSnapTimeGet(names.At(i), &when);  // listed names always parse
-      struct tm local;
-      char text[64] = "";
-      if (localtime_r(&when, &local) != nullptr) strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S %z", &local);
-      printf("%s\t%lld\t%s\n", names.At(i), static_cast<long long>(when), text);
-    }
+  SnapshotsPtr snapshots(nullptr, &VELAShareSnapInfoFree);
+  const int count = ListSnapshots(share.get(), snapshots);
+  if (count < 0) return kExitFailed;
+  tzset();
+  for (int i = 0; i < count; ++i) {
+    const VELASNAPINFO& snapshot = snapshots.get()[i];
+    struct tm local;
+    char text[64] = "";
+    if (localtime_r(&snapshot.time, &local) != nullptr) strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S %z", &local);
+    printf("%s\t%lld\t%s\t%s\t%s\n", snapshot.szName, static_cast<long long>(snapshot.time), text, snapshot.szTool,
+           snapshot.szPath);
   }
-  VELAShareFree(share);
-  return status;
+  return kExitOk;
 }
 
 int DeleteSnapshot(const char* shareName, const char* snapName) {
-  PVELASHARE share = FindShare(shareName);
+  const SharePtr share = FindShare(shareName);
   if (share == nullptr) return kExitFailed;
-  int status = kExitFailed;
-  if (VELAShareSnapDelete(share, snapName) == 0) {
-    status = kExitOk;
-  } else if (VLIBCErrGet() == VLIB_ERR_NOT_FOUND) {
-    fprintf(stderr, "vela-share: share \"%s\" has no snapshot named \"%s\"\n", shareName, snapName);
-  } else if (VLIBCErrGet() == VLIB_ERR_BAD_PARAMETERS) {
+  if (VELAShareSnapDelete(share.get(), snapName) == 0) return kExitOk;
+  const int error = VLIBCErrGet();
+  if (error == VLIB_ERR_BAD_PARAMETERS) {
     fprintf(stderr, "vela-share: \"%s\" is not a snapshot name\n", snapName);
-  } else {
+    return kExitFailed;
+  }
+  if (error != VLIB_ERR_NOT_FOUND) {
     fprintf(stderr, "vela-share: cannot delete snapshot \"%s\" of share \"%s\": %s\n", snapName, shareName,
             SystemReason().c_str());
+    return kExitFailed;
   }
-  VELAShareFree(share);
+  SnapshotsPtr snapshots(nullptr, &VELAShareSnapInfoFree);
+  const int count = ListSnapshots(share.get(), snapshots);
+  for (int i = 0; i < count; ++i) {
+    if (strcmp(snapshots.get()[i].szName, snapName) == 0) {
+      fprintf(stderr, "vela-share: snapshot \"%s\" of share \"%s\" was made by %s, not here; it is left alone\n",
+              snapName, shareName, snapshots.get()[i].szTool);
+      return kExitFailed;
+    }
+  }
+  if (count >= 0) fprintf(stderr, "vela-share: share \"%s\" has no snapshot named \"%s\"\n", shareName, snapName);
+  return kExitFailed;
+}
+
+// The volumes; a negative count after a message.
+int ListVolumes(VolumesPtr& volumes) {
+  PVELAVOLUME raw = nullptr;
+  const int count = VELAVolumeEnum(&raw);
+  volumes.reset(raw);
+  if (count < 0 && VLIBCErrGet() == VLIB_ERR_BAD_PARAMETERS) {
+    fprintf(stderr, "vela-share: %s is damaged: a line is not \"NUMBER UUID\" or names a volume twice\n",
+            kVolumeSettings);
+  } else if (count < 0) {
+    fprintf(stderr, "vela-share: cannot list the volumes: %s\n", SystemReason().c_str());
+  }
+  return count;
+}
+
+int Volumes() {
+  VolumesPtr volumes(nullptr, &VELAVolumeEnumFree);
+  const int count = ListVolumes(volumes);
+  if (count < 0) return kExitFailed;
+  for (int i = 0; i < count; ++i) {
+    const VELAVOLUME& v = volumes.get()[i];
+    const char* state = !v.adopted ? "mounted" : v.mounted ? "adopted" : "adopted-unmounted";
+    printf("%d\t%s\t%s\t%s\t%s\n", v.volume, v.szPath, state, v.szDevice, v.szUuid);
+  }
+  return kExitOk;
+}
+
+int VolumeAdd(const char* path, int number) {
+  int volume = 0;
+  if (VELAVolumeAdopt(path, number, &volume) == 0) {
+    printf("/volume%d\n", volume);
+    return kExitOk;
+  }
+  switch (VLIBCErrGet()) {
+    case VLIB_ERR_NOT_FOUND:
+      fprintf(stderr, "vela-share: %s does not exist\n", path);
+      break;
+    case VLIB_ERR_BAD_FS_TYPE:
+      fprintf(stderr, "vela-share: %s is not on a btrfs file system\n", path);
+      break;
+    case VLIB_ERR_EXISTS:
+      if (number > 0) {
+        fprintf(stderr, "vela-share: the file system of %s is a volume already, or /volume%d is taken\n", path,
+                number);
+      } else {
+        fprintf(stderr, "vela-share: the file system of %s is a volume already\n", path);
+      }
+      break;
+    case VLIB_ERR_BAD_PARAMETERS:
+      fprintf(stderr, "vela-share: %s is damaged; nothing was changed\n", kVolumeSettings);
+      break;
+    default:
+      fprintf(stderr, "vela-share: cannot adopt the file system of %s: %s\n", path, SystemReason().c_str());
+  }
+  return kExitFailed;
+}
+
+int VolumeRemove(const std::string& arg) {
+  const int volume = ParseVolume(arg);
+  if (volume == 0) {
+    const std::string why = "N must be a volume number or /volumeN, not \"" + arg + "\"";
+    return Usage(why.c_str());
+  }
+  if (VELAVolumeRelease(volume) == 0) return kExitOk;
+  switch (VLIBCErrGet()) {
+    case VLIB_ERR_NOT_FOUND:
+      fprintf(stderr, "vela-share: volume %d is not an adopted volume\n", volume);
+      break;
+    case VLIB_ERR_BUSY:
+      fprintf(stderr, "vela-share: /volume%d is in use; nothing was changed\n", volume);
+      break;
+    default:
+      fprintf(stderr, "vela-share: cannot remove volume %d: %s\n", volume, SystemReason().c_str());
+  }
+  return kExitFailed;
+}
+
+int VolumeRestore() {
+  VolumesPtr volumes(nullptr, &VELAVolumeEnumFree);
+  const int count = ListVolumes(volumes);
+  if (count < 0) return kExitFailed;
+  int status = kExitOk;
+  for (int i = 0; i < count; ++i) {
+    const VELAVOLUME& v = volumes.get()[i];
+    if (!v.adopted || v.mounted) continue;
+    if (VELAVolumeRestore(v.volume) == 0) {
+      printf("%s\n", v.szPath);
+      continue;
+    }
+    status = kExitFailed;
+    if (VLIBCErrGet() == VLIB_ERR_NOT_FOUND) {
+      fprintf(stderr, "vela-share: the file system %s of volume %d is not to be found\n", v.szUuid, v.volume);
+    } else {
+      fprintf(stderr, "vela-share: cannot mount volume %d (file system %s): %s\n", v.volume, v.szUuid,
+              SystemReason().c_str());
+    }
+  }
   return status;
+}
+
+int Volume(const std::vector<std::string>& args, char** argv) {
+  const size_t n = args.size();
+  if (n >= 3 && args[1] == "add" && (n == 3 || (n == 5 && args[3] == "--number"))) {
+    int number = 0;
+    if (n == 5 && (number = ParseVolume(args[4])) == 0) {
+      const std::string why = "--number needs a volume number, not \"" + args[4] + "\"";
+      return Usage(why.c_str());
+    }
+    return VolumeAdd(argv[3], number);
+  }
+  if (n == 3 && args[1] == "remove") return VolumeRemove(args[2]);
+  if (n == 2 && args[1] == "restore") return VolumeRestore();
+  return Usage(n >= 2 ? "wrong arguments for volume" : "volume needs add, remove or restore");
 }
 
 }  // namespace
@@ -251,12 +388,14 @@ int main(int argc, char** argv) {
     fputs(kUsage, stdout);
     return kExitOk;
   }
+  if (command == "volume") return Volume(args, argv);
+  if (command == "volumes" && n == 0) return Volumes();
   if (command == "list" && n == 0) return List();
   if (command == "create" && n == 2) return Create(args[1], argv[3]);
-  if (command == "snapshot" && (n == 1 || n == 2)) return Snapshot(argv[2], n == 2 ? argv[3] : nullptr);
+  if (command == "snapshot" && n == 1) return Snapshot(argv[2]);
   if (command == "snapshots" && n == 1) return Snapshots(argv[2]);
   if (command == "delete-snapshot" && n == 2) return DeleteSnapshot(argv[2], argv[3]);
-  for (const char* known : {"list", "create", "snapshot", "snapshots", "delete-snapshot"}) {
+  for (const char* known : {"volumes", "list", "create", "snapshot", "snapshots", "delete-snapshot"}) {
     if (command == known) {
       const std::string why = "wrong number of arguments for " + command;
       return Usage(why.c_str());
