@@ -102,6 +102,7 @@ int Serve(const ExecutorSetup& setup) {
       }
     }
     bool poisoned = false;
+    bool masterGone = false;
     if (handler != nullptr) {
       VELA::APIRequest request(std::move(paramsValue));
       VELA::APIResponse response;
@@ -118,10 +119,11 @@ int Serve(const ExecutorSetup& setup) {
         poisoned = true;
       }
       // Renewed each time: every switch of ids by a module clears it.
-      if (!FollowMaster(setup.master)) poisoned = true;
+      masterGone = !FollowMaster(setup.master);
     }
     if (!WriteFrame(setup.linkFd, answer)) return kExecutorDone;
     if (poisoned) return kExecutorPoisoned;
+    if (masterGone) return kExecutorDone;
   }
   return kExecutorDone;
 }
