@@ -144,11 +144,17 @@ run() {
   kill -TERM "$host"
   wait "$host" || true
   host=""
+  # What the host says about connections it refused or cut, and processes
+  # that ended otherwise than planned, explains errors.
+  grep -E "refused a connection|closed a connection|killed by|exited with status|forbids" "$work/host-$name.log" |
+    sed 's/^[^:]*: //; s/[0-9][0-9.]*/N/g' | sort | uniq -c | sed 's/^/  host log: /' || true
 }
 
 for round in $(seq 1 "$ROUNDS"); do
   run before "$BASELINE_BUILD"
-  run after "$BUILD" --state-dir "$work/state-after" ${HOST_FLAGS}
+  # wrk is one client with CONNECTIONS connections from one address; the
+  # host allows fewer from one address by default.
+  run after "$BUILD" --state-dir "$work/state-after" --max-connections-per-address $((2 * CONNECTIONS)) ${HOST_FLAGS}
 done
 
 echo
