@@ -210,6 +210,7 @@ TEST_F(WebHostTest, HttpWorkersHaveNoRightsAndOnlyExecutorsRunModules) {
   const std::string lock = "/run/lock/velabtrfssnapusage/reminder_record.lock";
   ASSERT_EQ(0, access(lock.c_str(), F_OK));
 
+  ASSERT_TRUE(WaitUntil(5000, [&] { return host.Children().size() == 4; }));  // the PAM child is gone
   const std::vector<pid_t> workers = host.ChildrenOf(VELA_TEST_HTTP_USER);
   ASSERT_EQ(2u, workers.size());
   const std::string http = MustRun({"id", "-u", VELA_TEST_HTTP_USER});

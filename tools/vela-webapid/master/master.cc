@@ -237,6 +237,8 @@ class Master {
 
   void StartExecutor(int linkFd) {
     LeaveMaster({linkFd});
+    // Executors never speak TLS: the key has no business there.
+    explicit_bzero(tlsKey_.data(), tlsKey_.size());
     RunExecutor(ExecutorSetup{&config_, executorAccount_, getppid(), linkFd});
   }
 
