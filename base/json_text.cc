@@ -7,12 +7,14 @@ namespace vela::base {
 namespace {
 
 // The deepest nesting of arrays and objects in `text`, strings skipped;
-// stops counting once past `limit`.
-int NestingDepth(const std::string& text, int limit) {
+// stops counting once past `limit`. `slash` tells whether a '/' stands
+// outside a string: only a comment has one there.
+int NestingDepth(const std::string& text, int limit, bool& slash) {
   int depth = 0;
   int deepest = 0;
   bool inString = false;
-  for (size_t i = 0; i < text.size() && deepest <= limit; ++i) {
+  slash = false;
+  for (size_t i = 0; i < text.size() && deepest <= limit && !slash; ++i) {
     const char c = text[i];
     if (inString) {
       if (c == '\\') {
@@ -22,6 +24,8 @@ int NestingDepth(const std::string& text, int limit) {
       }
     } else if (c == '"') {
       inString = true;
+    } else if (c == '/') {
+      slash = true;
     } else if (c == '[' || c == '{') {
       deepest = std::max(deepest, ++depth);
     } else if ((c == ']' || c == '}') && depth > 0) {
@@ -34,11 +38,19 @@ int NestingDepth(const std::string& text, int limit) {
 }  // namespace
 
 bool ParseJsonText(const std::string& text, Json::Value& out, std::string& error) {
-  if (NestingDepth(text, kMaxJsonDepth) > kMaxJsonDepth) {
+  bool slash = false;
+  if (NestingDepth(text, kMaxJsonDepth, slash) > kMaxJsonDepth) {
     error = "nested deeper than " + std::to_string(kMaxJsonDepth) + " levels";
     return false;
   }
+  // The parser skips comments inside objects whatever it is told, and a
+  // comment could hide nesting from the count above: none is accepted.
+  if (slash) {
+    error = "a comment, which JSON does not have";
+    return false;
+  }
   Json::CharReaderBuilder builder;
+  builder["allowComments"] = false;
   builder["collectComments"] = false;
   builder["failIfExtra"] = true;
   builder["rejectDupKeys"] = true;

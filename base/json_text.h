@@ -13,8 +13,8 @@ namespace vela::base {
 constexpr int kMaxJsonDepth = 64;
 
 // Parses `text` as one whole JSON document into `out`. False, with `error`
-// saying why, for malformed text, duplicate keys, text after the document,
-// or nesting deeper than kMaxJsonDepth.
+// saying why, for malformed text, comments, duplicate keys, text after the
+// document, or nesting deeper than kMaxJsonDepth.
 bool ParseJsonText(const std::string& text, Json::Value& out, std::string& error);
 // ParseJsonText, and the document must be an object.
 bool ParseJsonObject(const std::string& text, Json::Value& out);

@@ -35,7 +35,11 @@ function done(summary, latency)
   io.write(string.format("requests per second: %.0f\n", summary.requests / seconds))
   io.write(string.format("latency: p50 %.2f ms, p99 %.2f ms, max %.2f ms\n",
                          latency:percentile(50) / 1000, latency:percentile(99) / 1000, latency.max / 1000))
+  local errors = e.connect + e.read + e.write + e.timeout + e.status + failed
   io.write(string.format("errors: %d (connect %d, read %d, write %d, timeout %d, HTTP status %d, failed answers %d)\n",
-                         e.connect + e.read + e.write + e.timeout + e.status + failed,
-                         e.connect, e.read, e.write, e.timeout, e.status, failed))
+                         errors, e.connect, e.read, e.write, e.timeout, e.status, failed))
+  -- One line for the comparison table of bench/webapi-load.sh.
+  io.write(string.format("figures: %.0f %.2f %.2f %.2f %d %d\n", summary.requests / seconds,
+                         latency:percentile(50) / 1000, latency:percentile(99) / 1000, latency.max / 1000,
+                         errors, summary.requests))
 end

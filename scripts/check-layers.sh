@@ -19,7 +19,9 @@ wrong() {
 }
 
 # check_includes PART ROOT...: every quoted include of PART's sources must
-# be a file under one of the roots, "base/..." under the top included.
+# be a file under one of the roots, "base/..." under the top included; "."
+# is the including file's folder, "own" the top folder of its program or
+# module (tools/NAME, modules/NAME), where a program may lay out its parts.
 check_includes() {
   local part=$1
   shift
@@ -32,6 +34,9 @@ check_includes() {
           [[ $header == base/* ]] && [ -f "$top/$header" ] && found=yes
         elif [ "$root" = . ]; then
           [ -f "$(dirname "$file")/$header" ] && found=yes
+        elif [ "$root" = own ]; then
+          local rel=${file#"$top"/}
+          [ -f "$top/$(cut -d/ -f1-2 <<<"$rel")/$header" ] && found=yes
         else
           [ -f "$top/$root/$header" ] && found=yes
         fi
@@ -45,7 +50,7 @@ check_includes base base
 check_includes platform base platform/include .
 check_includes src base platform/include src/include src .
 for part in tools modules; do
-  check_includes "$part" base platform/include .
+  check_includes "$part" base platform/include . own
 done
 
 # needs FILE LIBRARY...: FILE must need none of the libraries.
@@ -71,13 +76,20 @@ while IFS= read -r library; do
   needs_none "$library" "$calc" "$module"
 done < <(find "$build/modules" -name '*.so')
 
-# Only the request runner and the host load modules.
+# Only the request runner and the host load modules: dlopen() is the
+# platform's module loader's alone, and only they use that loader.
 while IFS= read -r file; do
   case ${file#"$top"/} in
-    tools/velawebapi-call/* | tools/vela-webapid/*) ;;
-    *) wrong "${file#"$top"/} loads a module (dlopen); only velawebapi-call and the host may" ;;
+    platform/webapi_modules.cc) ;;
+    *) wrong "${file#"$top"/} loads a module (dlopen); only the platform's module loader may" ;;
   esac
 done < <(grep -rlE '\bdlopen[[:space:]]*\(' "$top/base" "$top/platform" "$top/src" "$top/tools" "$top/modules" || true)
+while IFS= read -r file; do
+  case ${file#"$top"/} in
+    platform/webapi_modules.cc | tools/velawebapi-call/* | tools/vela-webapid/*) ;;
+    *) wrong "${file#"$top"/} uses the module loader; only velawebapi-call and the host may" ;;
+  esac
+done < <(grep -rl '"vela/webapi_modules.h"' "$top/base" "$top/platform" "$top/src" "$top/tools" "$top/modules" || true)
 
 [ $status -eq 0 ] && echo "layers: every include, link and module load points the right way"
 exit $status

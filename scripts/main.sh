@@ -147,8 +147,13 @@ else
       for _ in $(seq 1 100); do [ -e "/proc/$old" ] || break; sleep 0.1; done
     fi
   fi
+  # The log is root's and the web server's group's only, whatever the umask.
+  log=/var/log/vela-webapid.log
+  [ -e "$log" ] || install -m 0640 -o root -g velaweb /dev/null "$log"
+  chown root:velaweb "$log"
+  chmod 0640 "$log"
   setsid /usr/local/sbin/vela-webapid --pid-file "$pidfile" --log-stderr yes \
-    </dev/null >>/var/log/vela-webapid.log 2>&1 &
+    </dev/null >>"$log" 2>&1 &
   how_to_stop="kill \$(cat $pidfile)"
 fi
 url=http://127.0.0.1:5080/

@@ -22,6 +22,7 @@ packages=(
   libmicrohttpd-dev    # HTTP server of vela-webapid (Debian builds it with GnuTLS: HTTPS)
   libgnutls28-dev      # vela-webapid: TLS through libmicrohttpd, SHA-256 of session IDs
   libpam0g-dev         # vela-webapid: logins through PAM
+  libseccomp-dev       # vela-webapid: the system call filter of its HTTP workers
   passwd               # useradd, groupadd, chpasswd: the service account, throwaway test accounts
   curl                 # the host tests' HTTPS requests; the load benchmark's login
   openssl              # the host tests' throwaway TLS certificate

@@ -43,11 +43,12 @@ std::string UniqueName(const std::string& prefix) {
   return prefix + std::to_string(getpid()) + "x" + std::to_string(++serial);
 }
 
-// The host's workers run as this account; made in the private /etc when
-// the machine has none.
-void EnsureServiceAccount() {
-  if (RunCommand({"getent", "passwd", VELA_TEST_SERVICE_USER}).status == 0) return;
-  MustRun({VELA_TEST_CREATE_SERVICE_ACCOUNT, VELA_TEST_SERVICE_USER});
+// The host's executors and HTTP workers run as these accounts; made in the
+// private /etc when the machine has none.
+void EnsureServiceAccounts() {
+  for (const char* account : {VELA_TEST_SERVICE_USER, VELA_TEST_HTTP_USER}) {
+    if (RunCommand({"getent", "passwd", account}).status != 0) MustRun({VELA_TEST_CREATE_SERVICE_ACCOUNT, account});
+  }
 }
 
 }  // namespace
@@ -88,6 +89,15 @@ std::string HttpReply::Header(const std::string& name) const {
   if (at == std::string::npos) return "";
   const auto start = head.find_first_not_of(' ', at + wanted.size());
   return head.substr(start, head.find("\r\n", start) - start);
+}
+
+std::string HttpReply::SetCookie(const std::string& name) const {
+  const std::string wanted = "\r\nset-cookie: " + Lower(name) + "=";
+  const std::string lower = Lower(head);
+  const auto at = lower.find(wanted);
+  if (at == std::string::npos) return "";
+  const auto start = at + strlen("\r\nset-cookie: ");
+  return head.substr(start, head.find_first_of(";\r", start) - start);
 }
 
 int HttpReply::Code() const { return json["success"].asBool() ? 0 : json["error"]["code"].asInt(); }
@@ -165,22 +175,26 @@ bool WaitUntil(int timeoutMs, const std::function<bool()>& condition) {
   return true;
 }
 
+void InstallModules(const std::string& dir) {
+  mkdir(dir.c_str(), 0755);
+  chmod(dir.c_str(), 0755);
+  for (const std::string module : {VELA_TEST_MODULE_PATH, VELA_TEST_STORAGE_MODULE_PATH}) {
+    MustRun({"install", "-m", "0644", module, dir + "/" + module.substr(module.rfind('/') + 1)});
+  }
+}
+
 WebHost::WebHost(const std::vector<std::string>& flags) {
   Must(MakePrivate("/etc"));
-  EnsureServiceAccount();
+  EnsureServiceAccounts();
   WriteFile("/etc/pam.d/vela-webapid", ReadFile(VELA_TEST_PAM_FILE));
-  // The workers, with the service account's ids, must reach the modules.
+  // The executors, with the service account's ids, must reach the modules.
   chmod(dir_.Path().c_str(), 0755);
   const std::string modules = dir_ / "modules";
-  mkdir(modules.c_str(), 0755);
-  for (const std::string module : {VELA_TEST_MODULE_PATH, VELA_TEST_STORAGE_MODULE_PATH}) {
-    if (symlink(module.c_str(), (modules + "/" + module.substr(module.rfind('/') + 1)).c_str()) != 0) {
-      throw std::runtime_error("symlink " + module + ": " + strerror(errno));
-    }
-  }
+  InstallModules(modules);
   std::vector<std::string> argv = {VELA_TEST_WEBAPID_PATH, "--config", "/dev/null",
                                    "--listen", "127.0.0.1:0", "--workers", "2",
                                    "--modules-dir", modules, "--web-dir", VELA_TEST_WEB_DIR,
+                                   "--state-dir", dir_ / "state",
                                    "--log-stderr", "yes", "--login-failure-delay-ms", "300"};
   argv.insert(argv.end(), flags.begin(), flags.end());
   const std::string log = dir_ / "host.log";
@@ -219,7 +233,25 @@ WebHost::~WebHost() {
   }
 }
 
-std::vector<pid_t> WebHost::Workers() const {
+std::string ProcStatus(pid_t pid, const std::string& field) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind(field + ":", 0) == 0) return line;
+  }
+  return "";
+}
+
+std::vector<pid_t> WebHost::ChildrenOf(const std::string& account) const {
+  const std::string uid = MustRun({"id", "-u", account});
+  std::vector<pid_t> found;
+  for (pid_t pid : Children()) {
+    const std::string line = ProcStatus(pid, "Uid");
+    if (line.rfind("Uid:\t" + uid.substr(0, uid.size() - 1) + "\t", 0) == 0) found.push_back(pid);
+  }
+  return found;
+}
+
+std::vector<pid_t> WebHost::Children() const {
   std::vector<pid_t> workers;
   DIR* proc = opendir("/proc");
   while (const dirent* entry = proc != nullptr ? readdir(proc) : nullptr) {
@@ -250,16 +282,18 @@ bool WebHost::WaitForLog(const std::string& text, int timeoutMs) const {
   return WaitUntil(timeoutMs, [&] { return Log().find(text) != std::string::npos; });
 }
 
-Session WebHost::Login(const std::string& user, const std::string& password) const {
+Session WebHost::Login(const std::string& user, const std::string& password, const std::string& device) const {
   Json::Value body;
   body["user"] = user;
   body["password"] = password;
-  const HttpReply reply = Http(port_, "POST", "/auth/login", Json::FastWriter().write(body));
-  const std::string cookie = reply.Header("Set-Cookie");
-  if (reply.Code() != 0 || cookie.empty()) {
+  const HttpReply reply = Http(port_, "POST", "/auth/login", Json::FastWriter().write(body),
+                               device.empty() ? std::vector<std::string>{} : std::vector<std::string>{"Cookie: " + device});
+  Session session{reply.SetCookie("vela_session"), reply.json["data"]["csrf_token"].asString(),
+                  reply.SetCookie("vela_device")};
+  if (reply.Code() != 0 || session.cookie.empty()) {
     throw std::runtime_error("login of " + user + " failed: " + reply.head + "\n" + reply.body);
   }
-  return Session{cookie.substr(0, cookie.find(';')), reply.json["data"]["csrf_token"].asString()};
+  return session;
 }
 
 HttpReply WebHost::Call(const Session& session, const std::string& path, const std::string& body) const {

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "support/sandbox_mounts.h"
 #include "support/scratch_dir.h"
 
 namespace vela::test {
@@ -42,6 +43,8 @@ struct HttpReply {
 
   // A header's value ("" when absent); names compare without case.
   std::string Header(const std::string& name) const;
+  // "NAME=VALUE" of the cookie NAME the answer sets ("" when none).
+  std::string SetCookie(const std::string& name) const;
   // The error code of an envelope, 0 for a success.
   int Code() const;
 };
@@ -59,9 +62,14 @@ std::string RequestText(const std::string& method, const std::string& path, cons
 HttpReply Http(int port, const std::string& method, const std::string& path, const std::string& body = "",
                const std::vector<std::string>& headers = {}, const std::string& from = "127.0.0.1");
 
+// Copies the project's modules into `dir` (made 0755), as the install
+// step does: the host loads root's regular files only.
+void InstallModules(const std::string& dir);
+
 struct Session {
   std::string cookie;  // "vela_session=..."
   std::string csrf;
+  std::string device;  // "vela_device=...": this browser is known from now on
 };
 
 class WebHost {
@@ -77,24 +85,30 @@ class WebHost {
   int Port() const { return port_; }
   std::string Url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/"; }
   pid_t Pid() const { return pid_; }
-  // The master's children now.
-  std::vector<pid_t> Workers() const;
+  // The master's children now (HTTP workers, executors, PAM children).
+  std::vector<pid_t> Children() const;
+  // Those running with the real uid of `account`.
+  std::vector<pid_t> ChildrenOf(const std::string& account) const;
   // Sends `sig` and waits up to `timeoutMs` for the host to end: its exit
   // status, 128 + a signal, or -1 when it is still running.
   int Stop(int sig, int timeoutMs);
   std::string Log() const;
   bool WaitForLog(const std::string& text, int timeoutMs) const;
 
-  // Logs in; throws unless the login succeeds.
-  Session Login(const std::string& user, const std::string& password) const;
+  // Logs in (from a browser known by `device`, when given); throws unless
+  // the login succeeds.
+  Session Login(const std::string& user, const std::string& password, const std::string& device = "") const;
   // POST /api/<path> with the session's cookie and CSRF token.
   HttpReply Call(const Session& session, const std::string& path, const std::string& body = "{}") const;
 
  private:
-  ScratchDir dir_;
+  ScratchDir dir_{kSandboxScratch};
   pid_t pid_ = -1;
   int port_ = 0;
 };
+
+// A line of /proc/PID/status ("Uid:\t0\t999\t0\t999"); "" when none.
+std::string ProcStatus(pid_t pid, const std::string& field);
 
 // Polls `condition` every 20 ms for up to `timeoutMs`.
 bool WaitUntil(int timeoutMs, const std::function<bool()>& condition);

@@ -1,11 +1,12 @@
-// Loads a web API module with dlopen and calls its methods the way the web
-// server does.
+// Loads a web API module through the framework's loader and calls its
+// methods the way the web server does.
 #ifndef VELA_TESTS_SUPPORT_MODULE_LOADER_H_
 #define VELA_TESTS_SUPPORT_MODULE_LOADER_H_
 
 #include <string>
 
 #include "vela/webapi.h"
+#include "vela/webapi_modules.h"
 
 namespace vela::test {
 
@@ -13,18 +14,15 @@ class ModuleLoader {
  public:
   // Loads `path` (throws std::runtime_error when it does not load).
   explicit ModuleLoader(const std::string& path);
-  ~ModuleLoader();
-  ModuleLoader(const ModuleLoader&) = delete;
-  ModuleLoader& operator=(const ModuleLoader&) = delete;
 
-  void* Symbol(const char* name) const;
-  const VELA_WEBAPI_ENTRY* Table() const;
+  void* Symbol(const char* name) const { return modules_.Symbol(name); }
+  const VELA_WEBAPI_ENTRY* Table() const { return modules_.Tables().front(); }
   // Calls the method of "VELA.Snap.Usage.Share" version 1 with the given
   // JSON parameters (text); throws when the method does not exist.
   VELA::APIResponse Call(const std::string& method, const std::string& paramsJson = "{}") const;
 
  private:
-  void* handle_ = nullptr;
+  VELA::APIModules modules_;
 };
 
 // The built module of this project.

@@ -10,9 +10,10 @@
 
 namespace vela::test {
 
-ScratchDir::ScratchDir() {
-  const char* tmp = getenv("TMPDIR");
-  std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/vela.XXXXXX";
+ScratchDir::ScratchDir() : ScratchDir(getenv("TMPDIR") != nullptr && *getenv("TMPDIR") != '\0' ? getenv("TMPDIR") : "/tmp") {}
+
+ScratchDir::ScratchDir(const std::string& parent) {
+  std::string pattern = parent + "/vela.XXXXXX";
   if (mkdtemp(pattern.data()) == nullptr) {
     throw std::runtime_error(std::string("mkdtemp: ") + strerror(errno));
   }

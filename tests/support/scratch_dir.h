@@ -1,5 +1,5 @@
-// A fresh directory under $TMPDIR, removed with everything in it when the
-// object goes away.
+// A fresh directory under $TMPDIR (or under `parent`), removed with
+// everything in it when the object goes away.
 #ifndef VELA_TESTS_SUPPORT_SCRATCH_DIR_H_
 #define VELA_TESTS_SUPPORT_SCRATCH_DIR_H_
 
@@ -10,6 +10,9 @@ namespace vela::test {
 class ScratchDir {
  public:
   ScratchDir();
+  // Under `parent` instead: for a directory whose parents nobody but root
+  // may write to ($TMPDIR is open to all).
+  explicit ScratchDir(const std::string& parent);
   ~ScratchDir();
   ScratchDir(const ScratchDir&) = delete;
   ScratchDir& operator=(const ScratchDir&) = delete;

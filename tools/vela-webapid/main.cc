@@ -14,8 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "host_config.h"
-#include "master.h"
+#include "master/master.h"
+#include "shared/host_config.h"
+#include "shared/host_log.h"
 
 #ifndef VELA_WEBAPID_CONFIG
 #error "VELA_WEBAPID_CONFIG names the default configuration file"
@@ -25,6 +26,9 @@
 #endif
 #ifndef VELA_WEBAPID_WEB_DIR
 #error "VELA_WEBAPID_WEB_DIR names the default page directory"
+#endif
+#ifndef VELA_WEBAPID_STATE_DIR
+#error "VELA_WEBAPID_STATE_DIR names the default directory of the host's own state"
 #endif
 
 namespace {
@@ -48,6 +52,7 @@ int main(int argc, char** argv) {
   HostConfig config;
   config.modulesDir = VELA_WEBAPID_MODULES_DIR;
   config.webDir = VELA_WEBAPID_WEB_DIR;
+  config.stateDir = VELA_WEBAPID_STATE_DIR;
 
   // Flags as KEY/VALUE pairs; the file is read first so flags win.
   std::string configPath = VELA_WEBAPID_CONFIG;
@@ -83,10 +88,10 @@ int main(int argc, char** argv) {
   }
   if (!vela::webapid::CheckConfig(config, error)) return Usage(error.c_str());
   if (geteuid() != 0) {
-    fprintf(stderr, "vela-webapid: must start as root (it runs PAM and gives its workers root's saved ids)\n");
+    fprintf(stderr, "vela-webapid: must start as root (it runs PAM and gives its executors root's saved ids)\n");
     return 1;
   }
 
-  openlog("vela-webapid", LOG_PID | (config.logStderr ? LOG_PERROR : 0), LOG_DAEMON);
-  return vela::webapid::RunMaster(config);
+  vela::webapid::OpenHostLog(config.logStderr);
+  return vela::webapid::RunMaster(config, argv);
 }

@@ -5,7 +5,6 @@
 //
 // Exit status: 0 for a success answer, 1 for an error answer, 2 for a usage
 // error, an unknown method or a module that does not load.
-#include <dlfcn.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,11 +12,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <string>
 
 #include "base/json_text.h"
 #include "vela/webapi.h"
+#include "vela/webapi_envelope.h"
+#include "vela/webapi_modules.h"
 
 #ifndef VELA_MODULE_BUILD_PATH
 #error "VELA_MODULE_BUILD_PATH names the module in the build tree"
@@ -34,8 +34,6 @@ namespace {
 constexpr int kExitSuccessAnswer = 0;
 constexpr int kExitErrorAnswer = 1;
 constexpr int kExitUsage = 2;
-// What the framework answers when a handler throws or does not answer.
-constexpr int kErrorUnknown = 100;
 
 int Usage(const char* why) {
   if (why != nullptr) fprintf(stderr, "velawebapi-call: %s\n", why);
@@ -101,24 +99,22 @@ int main(int argc, char** argv) {
       return kExitUsage;
     }
   }
-  if (modulePath.empty()) modulePath = DefaultModule();
+  // A module named here, or the one of the build tree, is the caller's
+  // choice; the installed one must be root's all the way up.
+  VELA::ModuleTrust trust = VELA::ModuleTrust::kCallerChosen;
+  if (modulePath.empty()) {
+    modulePath = DefaultModule();
+    if (modulePath == VELA_MODULE_INSTALL_PATH) trust = VELA::ModuleTrust::kRootOwned;
+  }
 
-  void* module = dlopen(modulePath.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (module == nullptr) {
-    fprintf(stderr, "velawebapi-call: cannot load module %s: %s\n", modulePath.c_str(), dlerror());
+  VELA::APIModules modules;
+  std::string error;
+  if (!modules.LoadFile(modulePath, trust, error)) {
+    fprintf(stderr, "velawebapi-call: cannot load module %s: %s\n", modulePath.c_str(), error.c_str());
     return kExitUsage;
   }
-  auto getTable = reinterpret_cast<VELA_WEBAPI_GET_TABLE>(dlsym(module, VELA_WEBAPI_GET_TABLE_SYMBOL));
-  if (getTable == nullptr) {
-    fprintf(stderr, "velawebapi-call: module %s has no %s\n", modulePath.c_str(),
-            VELA_WEBAPI_GET_TABLE_SYMBOL);
-    return kExitUsage;
-  }
-  const VELA_WEBAPI_ENTRY* entry = getTable();
-  for (; entry != nullptr && entry->szAPI != nullptr; ++entry) {
-    if (api == entry->szAPI && version == entry->version && method == entry->szMethod) break;
-  }
-  if (entry == nullptr || entry->szAPI == nullptr || entry->pfnHandler == nullptr) {
+  VELA_WEBAPI_HANDLER handler = nullptr;
+  if (modules.Find(api, version, method, handler) != VELA::APIModules::Lookup::kFound) {
     fprintf(stderr, "velawebapi-call: module %s has no method %s of %s version %lu\n",
             modulePath.c_str(), method.c_str(), api.c_str(), version);
     return kExitUsage;
@@ -126,19 +122,9 @@ int main(int argc, char** argv) {
 
   VELA::APIRequest request(params);
   VELA::APIResponse response;
-  try {
-    entry->pfnHandler(&request, &response);
-  } catch (const std::exception& e) {
-    fprintf(stderr, "velawebapi-call: %s %s failed: %s\n", api.c_str(), method.c_str(), e.what());
-    response.SetError(kErrorUnknown);
-  }
-  if (!response.IsAnswered()) response.SetError(kErrorUnknown);
-
-  // Printed by hand so that "success" comes first, as clients expect to see it.
-  if (response.IsSuccess()) {
-    printf("{\"success\":true,\"data\":%s}\n", vela::base::CompactJson(response.GetData()).c_str());
-    return kExitSuccessAnswer;
-  }
-  printf("{\"success\":false,\"error\":{\"code\":%d}}\n", response.GetErrorCode());
-  return kExitErrorAnswer;
+  std::string failure;
+  VELA::CallAPIHandler(handler, request, response, &failure);
+  if (!failure.empty()) fprintf(stderr, "velawebapi-call: %s %s failed: %s\n", api.c_str(), method.c_str(), failure.c_str());
+  printf("%s\n", VELA::WriteAPIEnvelope(response).c_str());
+  return response.IsSuccess() ? kExitSuccessAnswer : kExitErrorAnswer;
 }

@@ -53,7 +53,12 @@ async function send(path, init) {
     throw new ApiError(0);
   }
   if (answer.success) return answer.data;
-  throw new ApiError(answer.error?.code ?? 0);
+  const code = answer.error?.code ?? 0;
+  const wait = answer.error?.errors?.retry_after;
+  if (code === 108 && Number.isInteger(wait)) {
+    throw new ApiError(code, `Too many failed logins. Try again in ${wait} second${wait === 1 ? '' : 's'}.`);
+  }
+  throw new ApiError(code);
 }
 
 function post(path, body) {
@@ -76,15 +81,12 @@ export async function resumeSession() {
   }
 }
 
+// An account that may not manage the system is refused as a wrong
+// password is: the host does not tell which.
 export async function login(user, password) {
-  try {
-    const data = await post('/auth/login', { user, password });
-    csrfToken = data.csrf_token;
-    return data.user;
-  } catch (error) {
-    if (error.code === 106) throw new ApiError(106, 'This account may not manage the system here.');
-    throw error;
-  }
+  const data = await post('/auth/login', { user, password });
+  csrfToken = data.csrf_token;
+  return data.user;
 }
 
 export async function logout() {
