@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "base/numbers.h"
+#include "vela/privileged_section.h"
 #include "vela/sz_list.h"
-#include "privileged_section.h"
 #include "vela/vlib_error.h"
 #include "velabtrfssnapusage/reminder.h"
 #include "velabtrfssnapusage/share_snap_usage_cal.h"
@@ -32,6 +32,7 @@ constexpr int kErrorShareBusy = 5002;
 
 using Request = VELA::APIRequest;
 using VelaBtrfsUsage::ShareSnapUsageCal;
+using vela::platform::PrivilegedSection;
 
 VELA::APIParameter<std::string> FetchShareName(const Request& request) {
   return request.GetAndCheckString("share_name", Request::PARAM_REQUIRED, Utils::IsNotEmpty);
@@ -142,15 +143,15 @@ void Share::Start(VELA::APIRequest* request, VELA::APIResponse* response) {
   {
     // A start that cannot run is refused before anything is created: the
     // share stays free and its last report readable.
-    PrivilegedSection elevated;
+    PrivilegedSection elevated(kLogSource);
     result = ShareSnapUsageCal::CheckLaunch(shareName.Get(), &start, &end);
   }
   if (result == 0) {
-    PrivilegedSection elevated;
+    PrivilegedSection elevated(kLogSource);
     result = manager.CreateTask(shareName.Get());
   }
   if (result == 0) {
-    PrivilegedSection elevated;
+    PrivilegedSection elevated(kLogSource);
     result = manager.Launch(&start, &end);
   }
   if (result == 0) {
@@ -179,7 +180,7 @@ void Share::Status(VELA::APIRequest* request, VELA::APIResponse* response) {
   }
   BOOL listed = FALSE;
   {
-    PrivilegedSection elevated;
+    PrivilegedSection elevated(kLogSource);
     listed = ShareSnapUsageCal::GetShareTaskList(shares.Address());
   }
   if (!listed) {
@@ -193,12 +194,12 @@ void Share::Status(VELA::APIRequest* request, VELA::APIResponse* response) {
     CAL_TASK_STATUS state;
     int got = 0;
     {
-      PrivilegedSection elevated;
+      PrivilegedSection elevated(kLogSource);
       status.Init(name, false);
     }
     {
       // A calculation whose process is gone reads as ended ("fail").
-      PrivilegedSection elevated;
+      PrivilegedSection elevated(kLogSource);
       got = ShareSnapUsageCal::GetShareState(name, state);
     }
     if (got != 0) {
@@ -210,7 +211,7 @@ void Share::Status(VELA::APIRequest* request, VELA::APIResponse* response) {
     if (state != CAL_TASK_STATUS_PROCESS && state != CAL_TASK_STATUS_DONE) continue;
     std::string stateText;
     {
-      PrivilegedSection elevated;
+      PrivilegedSection elevated(kLogSource);
       got = status.GetStatusAttr(TASKSTATUS_ATTR_STATUS, stateText);
     }
     if (got != 0) {
@@ -231,7 +232,7 @@ void Share::Status(VELA::APIRequest* request, VELA::APIResponse* response) {
       }
       std::string text;
       {
-        PrivilegedSection elevated;
+        PrivilegedSection elevated(kLogSource);
         got = status.GetStatusAttr(attr, text);
       }
       if (got != 0) continue;
@@ -304,7 +305,7 @@ void Share::Cancel(VELA::APIRequest* request, VELA::APIResponse* response) {
   }
   int result = 0;
   {
-    PrivilegedSection elevated;
+    PrivilegedSection elevated(kLogSource);
     result = ShareSnapUsageCal::Stop(shareName.Get());
   }
   if (result == 0) {
@@ -321,7 +322,7 @@ void Share::Clean(VELA::APIRequest* request, VELA::APIResponse* response) {
     return;
   }
   {
-    PrivilegedSection elevated;
+    PrivilegedSection elevated(kLogSource);
     ShareSnapUsageCal::CleanAll(shareName.Get());
   }
   // A clean-up is answered as done whatever it met on the way.
@@ -337,7 +338,7 @@ void Share::GetConf(VELA::APIRequest* request, VELA::APIResponse* response) {
     bool reminder = false;
     bool found = false;
     {
-      PrivilegedSection elevated;
+      PrivilegedSection elevated(kLogSource);
       found = VelaBtrfsUsage::Utils::ReminderStatusGet(reminder);
     }
     // No readable stored value means the default: remind.
@@ -354,7 +355,7 @@ void Share::SetConf(VELA::APIRequest* request, VELA::APIResponse* response) {
   }
   bool written = false;
   {
-    PrivilegedSection elevated;
+    PrivilegedSection elevated(kLogSource);
     written = VelaBtrfsUsage::Utils::ReminderStatusSet(reminder.Get());
   }
   if (written) {

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "root_section.h"
+#include "vela/privileged_section.h"
 #include "vela/vela_share.h"
 #include "vela/vela_volume.h"
 #include "vela/vlib_error.h"
@@ -22,6 +22,10 @@ namespace {
 constexpr int kErrorFailure = 1;
 constexpr int kErrorBadParameter = 3;
 constexpr int kErrorNotFound = 8;
+// The name this module's privileged sections log under. A listing runs as
+// root: it must see every share and snapshot, also those whose directories
+// are closed to the server's account.
+constexpr char kLogSource[] = "storage_listing";
 
 using ListPtr = std::unique_ptr<VLIBSZLIST, decltype(&VLIBCSzListFree)>;
 using SharePtr = std::unique_ptr<VELASHARE, decltype(&VELAShareFree)>;
@@ -67,7 +71,7 @@ Json::Value SnapshotTime(const char* name) {
 }  // namespace
 
 void StorageListing::ListVolumes(VELA::APIRequest*, VELA::APIResponse* response) {
-  RootSection root;
+  vela::platform::PrivilegedSection root(kLogSource);
   ListPtr entries = NewList();
   if (entries == nullptr ||
       FillList(entries, [](PVLIBSZLIST* list) { return VLIBCFileEnumDir("/", 0, list, 0); }) < 0) {
@@ -103,7 +107,7 @@ void StorageListing::ListVolumes(VELA::APIRequest*, VELA::APIResponse* response)
 }
 
 void StorageListing::ListShares(VELA::APIRequest*, VELA::APIResponse* response) {
-  RootSection root;
+  vela::platform::PrivilegedSection root(kLogSource);
   ListPtr names = NewList();
   if (names == nullptr || FillList(names, [](PVLIBSZLIST* list) { return VELAShareEnum(list, 0); }) < 0) {
     LogPlatformFailure("VELAShareEnum", "");
@@ -146,7 +150,7 @@ void StorageListing::ListSnapshots(VELA::APIRequest* request, VELA::APIResponse*
     response->SetError(kErrorBadParameter);
     return;
   }
-  RootSection root;
+  vela::platform::PrivilegedSection root(kLogSource);
   PVELASHARE raw = nullptr;
   if (VELAShareGet(name.c_str(), &raw) != 0) {
     const bool missing = VLIBCErrGet() == VLIB_ERR_NOT_FOUND;
