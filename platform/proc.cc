@@ -19,8 +19,6 @@
 #include "base/unique_fd.h"
 #include "vela/vlib_error.h"
 
-extern char** environ;
-
 namespace {
 
 using vela::base::UniqueFd;
@@ -142,6 +140,9 @@ struct ChildPlan {
       error = errno;
     }
   }
+  // Nor does the caller's working directory concern the program (nor keep
+  // a file system busy while it runs).
+  if (error == 0 && chdir("/") != 0) error = errno;
   if (error == 0) {
     CloseFrom(4, plan.maxFd);
     execve(plan.path, plan.argv, plan.envp);
@@ -152,16 +153,12 @@ struct ChildPlan {
   _exit(127);
 }
 
-// The caller's environment with LC_ALL=C, so that programs whose output is
-// parsed print it in one fixed language and format.
-std::vector<std::string> ChildEnvironment() {
-  std::vector<std::string> env;
-  for (char** e = environ; e != nullptr && *e != nullptr; ++e) {
-    if (strncmp(*e, "LC_ALL=", 7) != 0) env.emplace_back(*e);
-  }
-  env.emplace_back("LC_ALL=C");
-  return env;
-}
+// Programs get a fixed environment, not the caller's: a server's
+// environment is none of their business (nor anything it might have been
+// given to steer them), and output that is parsed comes in one fixed
+// language and format.
+constexpr const char* kChildEnvironment[] = {"PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+                                             "LC_ALL=C", nullptr};
 
 FILE* Popen(const char* path, const char* mode, char* const argv[]) {
   const std::string m = mode != nullptr ? mode : "";
@@ -172,11 +169,6 @@ FILE* Popen(const char* path, const char* mode, char* const argv[]) {
   }
   const bool reading = m[0] == 'r';
   const bool fullyBuffered = m.size() == 2;
-
-  std::vector<std::string> envStrings = ChildEnvironment();
-  std::vector<char*> envp;
-  for (std::string& s : envStrings) envp.push_back(s.data());
-  envp.push_back(nullptr);
 
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) {
@@ -197,8 +189,8 @@ FILE* Popen(const char* path, const char* mode, char* const argv[]) {
     VLIBCErrSet(VLIB_ERR_SYSTEM);
     return nullptr;
   }
-  const ChildPlan plan = {path,        argv,         envp.data(), theirs.Get(), reading ? 1 : 0,
-                          null.Get(), errorWrite.Get(), MaxFd()};
+  const ChildPlan plan = {path,       argv,         const_cast<char* const*>(kChildEnvironment), theirs.Get(),
+                          reading ? 1 : 0, null.Get(), errorWrite.Get(), MaxFd()};
 
   pid_t pid;
   {

@@ -3,6 +3,8 @@
 // on a loopback btrfs volume with a share and real snapshots.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <ctime>
 
@@ -48,7 +50,7 @@ TEST(AdministratorsPage, TheWholeRoadInChromium) {
   }
 
   ASSERT_EQ("", BindInto(VELA_TEST_PACED_PROVIDER, BtrfsToolDouble::ToolPath()));
-  setenv("VELA_TEST_SIZE_PROVIDER", VELA_TEST_SIZE_PROVIDER_PATH, 1);
+  ASSERT_EQ(0, symlink(VELA_TEST_SIZE_PROVIDER_PATH, "/run/vela-test/size-provider"));
   WebHost host({"--admin-group", admins});
 
   ScratchDir home;

@@ -1,9 +1,10 @@
 // vela-btrfs-double: stands in for the btrfs tool in tests.
 //
-// It appends its argument vector (one argument per line, then an empty
-// line) to $VELA_BTRFS_DOUBLE_ARGS when that is set, then plays the script
-// file $VELA_BTRFS_DOUBLE_SCRIPT line by line: every line is printed to
-// standard output and flushed, except these directives:
+// Programs run with a fixed environment, so the double finds its files at
+// fixed places of the sandbox (kBtrfsDoubleDir). It appends its argument
+// vector (one argument per line, then an empty line) to "args" there, then
+// plays the script file "script" there line by line: every line is printed
+// to standard output and flushed, except these directives:
 //   @sleep MS       pause for MS milliseconds
 //   @stderr TEXT    print TEXT on standard error
 //   @pidfile PATH   write the own process ID to PATH
@@ -24,16 +25,16 @@
 #include <string>
 #include <thread>
 
+#include "btrfs_tool_double.h"
+
 int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_DFL);
-  if (const char* record = getenv("VELA_BTRFS_DOUBLE_ARGS")) {
-    std::ofstream out(record, std::ios::app);
+  {
+    std::ofstream out(std::string(vela::test::kBtrfsDoubleDir) + "/args", std::ios::app);
     for (int i = 0; i < argc; ++i) out << argv[i] << "\n";
     out << "\n";
   }
-  const char* scriptPath = getenv("VELA_BTRFS_DOUBLE_SCRIPT");
-  if (scriptPath == nullptr) return 0;
-  std::ifstream script(scriptPath);
+  std::ifstream script(std::string(vela::test::kBtrfsDoubleDir) + "/script");
   std::string line;
   while (std::getline(script, line)) {
     if (line.rfind("@sleep ", 0) == 0) {

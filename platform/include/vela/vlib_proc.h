@@ -1,8 +1,9 @@
 // Running programs and forking workers.
 //
-// Programs are started from an argument vector, never through a shell, with
-// LC_ALL=C, standard input from /dev/null (read mode), every descriptor
-// above 2 closed, the caller's signal mask, and every signal at its default
+// Programs are started from an argument vector, never through a shell, in
+// the directory "/" with an environment of their own (PATH and LC_ALL=C
+// only), standard input from /dev/null (read mode), every descriptor above
+// 2 closed, the caller's signal mask, and every signal at its default
 // action (a server that ignores SIGPIPE does not pass that on).
 #ifndef VELA_VLIB_PROC_H_
 #define VELA_VLIB_PROC_H_
