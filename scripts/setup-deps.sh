@@ -17,6 +17,7 @@ packages=(
   jq                   # the main job reads the module's JSON answers
   libxxhash-dev        # xxhash64 tree block checksums in the size provider
   libgcrypt20-dev      # sha256 and blake2b tree block checksums in the size provider
+  nettle-dev           # SHA-256 in the names of files named after names too long to be file names
   time                 # /usr/bin/time -v: the size provider's peak memory in bench/size-provider-bench.sh
   libmicrohttpd-dev    # HTTP server of vela-webapid (Debian builds it with GnuTLS: HTTPS)
   libgnutls28-dev      # vela-webapid: TLS through libmicrohttpd, SHA-256 of session IDs
