@@ -179,14 +179,17 @@ void BuildSnapTimeFilter(Json::Value& filter, long start, long end) {
   filter["time"].append(std::string("<=") + endName);
 }
 
-// Whether `t` can be written as a status time string and read back as the
-// same time: a bound outside that cannot be recorded or filtered on.
+// Whether `t` can be written as a status time string and as a snapshot
+// name, and both read back as the same time: a bound outside that (before
+// the year 1000, say) cannot be recorded or filtered on.
 bool TimeFitsStrings(long t) {
   std::string text;
   long back = 0;
   char name[1024] = {};
+  time_t named = 0;
   return Utils::Time_tToTimeString(t, text) && Utils::TimeStringToTime_T(text, back) && back == t &&
-         Utils::SnapNameGenerateByTime(name, sizeof(name), t, TRUE) == 0 && name[0] != '\0';
+         Utils::SnapNameGenerateByTime(name, sizeof(name), t, TRUE) == 0 && name[0] != '\0' &&
+         VELAShareSnapTimeGet(name, &named) == 0 && named == t;
 }
 
 // The share clean-up: results, status record, map entry; each step is

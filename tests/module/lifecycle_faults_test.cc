@@ -186,6 +186,7 @@ TEST_F(Lifecycle, RefusedStartsLeaveTheShareFreeWithItsReportAndUnknownSharesLea
   for (const auto& [params, answer] : std::vector<std::pair<std::string, std::string>>{
            {StartParams("share1", kT0 + 20, kT0 + 10), "error 3"},
            {StartParams("share1", 1, 4000000000000000000), "error 3"},
+           {StartParams("share1", -31000000000, kT0), "error 3"},  // the year 987
            {StartParams("share1", kT0 + 10, kT0 + 20), "error 5001"},
            {StartParams("no-such-share", 1, 1), "error 1"}}) {
     EXPECT_EQ(answer, Call("start", params)) << params;
