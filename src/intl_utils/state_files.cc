@@ -3,10 +3,13 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <limits.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <vector>
 
@@ -38,6 +41,32 @@ const char* TreeOf(const std::string& dir) {
   return nullptr;
 }
 
+// Whether a directory is one every user may write to ("/run/lock").
+bool OpenToAll(int dirFd) {
+  struct stat st;
+  return fstat(dirFd, &st) == 0 && (st.st_mode & S_IWOTH) != 0;
+}
+
+// Moves the entry `name` of `parentFd` (whatever it is: a directory, a
+// link, which is not followed, a file) aside under a hidden name nobody
+// can guess, and logs it. Root may do so in a sticky directory too.
+bool MoveAside(int parentFd, const std::string& name, const std::string& path, const std::string& why) {
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    uint64_t random = 0;
+    if (getrandom(&random, sizeof(random), 0) != static_cast<ssize_t>(sizeof(random))) return false;
+    char suffix[24];
+    snprintf(suffix, sizeof(suffix), "%016llx", static_cast<unsigned long long>(random));
+    const std::string aside = "." + name + ".foreign." + suffix;
+    if (renameat2(parentFd, name.c_str(), parentFd, aside.c_str(), RENAME_NOREPLACE) == 0) {
+      VELA_LOG(LOG_WARNING, "Moved the foreign state directory %s aside to %s (%s)", path.c_str(),
+               (DirName(path) + "/" + aside).c_str(), why.c_str());
+      return true;
+    }
+    if (errno != EEXIST) return false;
+  }
+  return false;
+}
+
 UniqueFd Walk(const std::string& dir, const char* tree, bool create) {
   // The tree's parent is the system's ("/run", "/run/lock", "/usr/local").
   const std::string top = DirName(tree);
@@ -60,6 +89,18 @@ UniqueFd Walk(const std::string& dir, const char* tree, bool create) {
     }
     std::string refusal;
     UniqueFd next = vela::base::OpenCheckedDirectoryAt(at.Get(), part, create, how, refusal);
+    // A tree's own directory in a directory open to all ("/run/lock") may
+    // have been made by any user, before the module made it: that must not
+    // disable the module. It is moved aside and made anew (a user quick
+    // enough to make it again meanwhile gets a few more tries). Deeper
+    // directories, and trees under root's own directories, only root could
+    // have put there: those are refused.
+    if (!next.Valid() && !refusal.empty() && walked == tree && geteuid() == 0 && OpenToAll(at.Get())) {
+      for (int tries = 0; tries < 3 && !next.Valid() && !refusal.empty(); ++tries) {
+        if (!MoveAside(at.Get(), part, walked, refusal)) break;
+        next = vela::base::OpenCheckedDirectoryAt(at.Get(), part, create, how, refusal);
+      }
+    }
     if (!next.Valid()) {
       if (!refusal.empty()) {
         VELA_LOG(LOG_ERR, "Refused to use the state directory %s: %s", walked.c_str(), refusal.c_str());

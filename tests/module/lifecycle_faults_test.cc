@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
 #include <ctime>
 
 #include "support/command.h"
@@ -71,6 +72,16 @@ bool IsZombie(pid_t pid) {
   const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
   const auto close = stat.rfind(')');
   return close != std::string::npos && stat.compare(close, 3, ") Z") == 0;
+}
+
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  for (size_t begin = 0, end; begin < text.size(); begin = end + 1) {
+    end = text.find('\n', begin);
+    if (end == std::string::npos) end = text.size();
+    lines.push_back(text.substr(begin, end - begin));
+  }
+  return lines;
 }
 
 size_t FilesIn(const std::string& dir) {
@@ -230,24 +241,42 @@ TEST_F(Lifecycle, AShareWithTheLongestNameIsCalculated) {
   EXPECT_EQ("ok null", Call("clean", R"({"share_name":")" + name + "\"}"));
 }
 
-TEST_F(Lifecycle, ForeignLinkedOrLooseStateDirectoriesAreRefusedAndLeftUntouched) {
+TEST_F(Lifecycle, WhatAUserPutWhereTheLockDirectoryGoesIsMovedAsideButRootsOwnOddDirectoriesAreRefused) {
   ScratchDir dir;
-  ASSERT_EQ(0, mkdir("/run/lock/velabtrfssnapusage", 0755));
-  ASSERT_EQ(0, chown("/run/lock/velabtrfssnapusage", 1000, 1000));
-  EXPECT_EQ("error 1", Call("set_conf", R"({"reminder":false})"));
-  EXPECT_EQ("error 1", Call("start", StartParams("share1", 1, 1)));
-  EXPECT_EQ("", RunCommand({"find", "/run/lock/velabtrfssnapusage", "-mindepth", "1"}).out);
-  EXPECT_FALSE(FindSyslog(LOG_ERR, "Refused to use the state directory /run/lock/velabtrfssnapusage: it is "
-                                   "owned by uid 1000, not root").empty()) << DumpSyslog();
-  RemoveTree("/run/lock/velabtrfssnapusage");
+  constexpr char kLockRoot[] = "/run/lock/velabtrfssnapusage";
+  // /run/lock is open to every user: one makes the module's directory first.
+  EXPECT_EQ("made", RunForked([&] {
+              if (syscall(SYS_setresgid, 1000, 1000, 1000) != 0 || syscall(SYS_setresuid, 1000, 1000, 1000) != 0 ||
+                  mkdir(kLockRoot, 0777) != 0) {
+                return std::string(strerror(errno));
+              }
+              WriteFile(std::string(kLockRoot) + "/mine", "");
+              return std::string("made");
+            }));
+  EXPECT_EQ("ok null", Call("set_conf", R"({"reminder":false})"));
+  ASSERT_EQ("ok null", Call("start", StartParams("share1", 1, 1)));
+  EXPECT_EQ("done 0", WaitForEnd("share1"));
+  EXPECT_EQ(R"(ok {"share_list":[{"share_name":"share1","status":"done"}]})", Call("status", "{}"));
+  EXPECT_EQ(1u, FindSyslog(LOG_WARNING, "Moved the foreign state directory /run/lock/velabtrfssnapusage aside to "
+                                        "/run/lock/.velabtrfssnapusage.foreign.").size()) << DumpSyslog();
+  EXPECT_EQ(1u, Lines(RunCommand({"find", "/run/lock", "-path", "*/.velabtrfssnapusage.foreign.*/mine", "-user",
+                                  "1000"}).out).size()) << "what the user put there is kept, aside";
+  // A link put there is moved aside, never followed.
+  RemoveTree(kLockRoot);
+  ASSERT_EQ(0, symlink(dir.Path().c_str(), kLockRoot));
+  EXPECT_EQ("ok null", Call("set_conf", R"({"reminder":true})"));
+  EXPECT_EQ("", RunCommand({"ls", "-A", dir.Path()}).out) << "written through a planted link";
+  struct stat st;
+  ASSERT_EQ(0, lstat(kLockRoot, &st));
+  EXPECT_TRUE(S_ISDIR(st.st_mode) && st.st_uid == 0 && (st.st_mode & 07777) == 0755);
 
+  RemoveTree("/usr/local/velabtrfssnapusage");
   ASSERT_EQ(0, symlink(dir.Path().c_str(), "/usr/local/velabtrfssnapusage"));
   EXPECT_EQ("error 1", Call("set_conf", R"({"reminder":false})"));
   EXPECT_EQ("", RunCommand({"ls", "-A", dir.Path()}).out) << "written through a planted link";
   EXPECT_FALSE(FindSyslog(LOG_ERR, "/usr/local/velabtrfssnapusage: it is a symbolic link").empty());
   ASSERT_EQ(0, unlink("/usr/local/velabtrfssnapusage"));
 
-  // (made by the refused start above)
   ASSERT_EQ(0, chmod("/run/velabtrfssnapusage", 0775));
   EXPECT_EQ("error 1", Call("start", StartParams("share1", 1, 1)));
   EXPECT_FALSE(FindSyslog(LOG_ERR, "/run/velabtrfssnapusage: its group or others may write to it (mode 0775)").empty());
@@ -258,10 +287,19 @@ TEST_F(Lifecycle, ForeignLinkedOrLooseStateDirectoriesAreRefusedAndLeftUntouched
   ASSERT_EQ(0, unlink("/usr/local/velabtrfssnapusage/reminder_record"));
   ASSERT_EQ(0, mkfifo("/usr/local/velabtrfssnapusage/reminder_record", 0600));
   EXPECT_EQ("ok {\"reminder\":true}", Call("get_conf", R"({"additional":["reminder"]})"));
-  struct stat st;
-  ASSERT_EQ(0, stat("/run/lock/velabtrfssnapusage", &st));
-  EXPECT_EQ(0755u, st.st_mode & 07777);
-  EXPECT_EQ(0u, st.st_uid);
+}
+
+TEST(StateDirectories, TheBootEntryMakesTheRunTimeDirectoriesRootsAndClosedToOthers) {
+  ScratchDir root;
+  ASSERT_EQ(0, mkdir((root / "run").c_str(), 0755));
+  ASSERT_EQ(0, mkdir((root / "run/lock").c_str(), 01777));
+  const CommandResult made = RunCommand({"systemd-tmpfiles", "--create", "--root=" + root.Path(), VELA_TEST_TMPFILES_CONF});
+  EXPECT_EQ(0, made.status) << made.err;
+  for (const char* dir : {"run/velabtrfssnapusage", "run/lock/velabtrfssnapusage"}) {
+    struct stat st;
+    ASSERT_EQ(0, lstat((root / dir).c_str(), &st)) << dir;
+    EXPECT_TRUE(S_ISDIR(st.st_mode) && st.st_uid == 0 && st.st_gid == 0 && (st.st_mode & 07777) == 0755) << dir;
+  }
 }
 
 TEST_F(Lifecycle, OnlyRootAndTheWebGroupCanHoldALockAndEveryWaitForOneIsBounded) {
