@@ -72,11 +72,15 @@ bool MoveAboveStdio(UniqueFd& fd) {
   return true;
 }
 
-// Closes every descriptor from `first` on, in a child after fork (nothing
-// here may allocate). The loop serves kernels without close_range().
-void CloseFrom(int first, long maxFd) {
-  if (close_range(static_cast<unsigned>(first), ~0U, 0) == 0) return;
-  for (long fd = first; fd < maxFd; ++fd) close(static_cast<int>(fd));
+constexpr unsigned kLastFd = ~0U;
+
+// Closes every descriptor from `first` to `last`, in a child after fork
+// (nothing here may allocate). The loop, up to `maxFd`, serves kernels
+// without close_range().
+void CloseRange(unsigned first, unsigned last, long maxFd) {
+  if (first > last) return;
+  if (close_range(first, last, 0) == 0) return;
+  for (long fd = first; fd <= static_cast<long>(last) && fd < maxFd; ++fd) close(static_cast<int>(fd));
 }
 
 long MaxFd() {
@@ -144,7 +148,7 @@ struct ChildPlan {
   // a file system busy while it runs).
   if (error == 0 && chdir("/") != 0) error = errno;
   if (error == 0) {
-    CloseFrom(4, plan.maxFd);
+    CloseRange(4, kLastFd, plan.maxFd);
     execve(plan.path, plan.argv, plan.envp);
     error = errno;
   }
@@ -294,7 +298,9 @@ int VLIBCPclose(FILE* fp) {
   return ExitCode(status);
 }
 
-pid_t VLIBCProcForkChildNoWait(void) {
+pid_t VLIBCProcForkChildNoWait(void) { return VLIBCProcForkChildNoWaitKeepFd(-1); }
+
+pid_t VLIBCProcForkChildNoWaitKeepFd(int keepFd) {
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) {
     VLIBCErrSet(VLIB_ERR_SYSTEM);
@@ -347,7 +353,12 @@ pid_t VLIBCProcForkChildNoWait(void) {
       // it, or its next message could go to, and its close could close,
       // whatever file the worker opens under the same number.
       closelog();
-      CloseFrom(3, maxFd);
+      if (keepFd >= 3) {
+        CloseRange(3, static_cast<unsigned>(keepFd) - 1, maxFd);
+        CloseRange(static_cast<unsigned>(keepFd) + 1, kLastFd, maxFd);
+      } else {
+        CloseRange(3, kLastFd, maxFd);
+      }
       return 0;
     }
   }

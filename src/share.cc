@@ -321,12 +321,18 @@ void Share::Clean(VELA::APIRequest* request, VELA::APIResponse* response) {
     response->SetError(kErrorBadParameter, Json::Value());
     return;
   }
+  int result = 0;
   {
     PrivilegedSection elevated(kLogSource);
-    ShareSnapUsageCal::CleanAll(shareName.Get());
+    result = ShareSnapUsageCal::CleanAll(shareName.Get());
   }
-  // A clean-up is answered as done whatever it met on the way.
-  response->SetSuccess(Json::Value());
+  // A clean-up that left something behind says so: the caller must not
+  // believe the share's calculation gone when it is not.
+  if (result == 0) {
+    response->SetSuccess(Json::Value());
+  } else {
+    response->SetError(kErrorFailure, Json::Value());
+  }
 }
 
 void Share::GetConf(VELA::APIRequest* request, VELA::APIResponse* response) {

@@ -151,17 +151,20 @@ UniqueFd OpenRegularFileAt(int dirFd, const std::string& name) {
   return fd;
 }
 
-UniqueFd OpenLockFile(const std::string& path, bool create, mode_t mode, gid_t gid) {
+UniqueFd OpenLockFile(const std::string& path, bool create) {
   std::string name;
   UniqueFd dir = OpenContainingDirectory(path, create, name);
   if (!dir.Valid()) return dir;
   constexpr int kFlags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  const bool root = geteuid() == 0;
   UniqueFd fd;
   if (create) {
     fd.Reset(openat(dir.Get(), name.c_str(), O_RDWR | O_CREAT | O_EXCL | kFlags, 0600));
     if (fd.Valid()) {
       // Made private, then given its group and mode: never more open than meant.
-      if (fchown(fd.Get(), 0, gid) != 0 || fchmod(fd.Get(), mode) != 0) return UniqueFd();
+      if (fchown(fd.Get(), 0, WebServerGroupId()) != 0 || fchmod(fd.Get(), VELA_LOCK_FILE_MODE) != 0) {
+        return UniqueFd();
+      }
       return fd;
     }
     if (errno != EEXIST) return fd;
@@ -173,11 +176,15 @@ UniqueFd OpenLockFile(const std::string& path, bool create, mode_t mode, gid_t g
     errno = EINVAL;
     return fd;
   }
-  // A lock file made looser (by an older version, by hand) is given its
-  // group and mode again by the first writer: until then others could hold it.
-  if (fd.Valid() && create && ((st.st_mode & 07777) != mode || st.st_uid != 0 || st.st_gid != gid)) {
-    if (fchown(fd.Get(), 0, gid) != 0 || fchmod(fd.Get(), mode) != 0) {
-      VELA_LOG(LOG_ERR, "Failed to set the owner and mode of the lock file %s: %s", path.c_str(), strerror(errno));
+  // A lock file of another group or mode: others than the server could
+  // hold it, or the server could not read its state. Root puts it right
+  // (a reader too: a lock file only ever read would stay wrong otherwise).
+  if (fd.Valid() && root) {
+    const gid_t group = WebServerGroupId();
+    if ((st.st_mode & 07777) != VELA_LOCK_FILE_MODE || st.st_uid != 0 || st.st_gid != group) {
+      if (fchown(fd.Get(), 0, group) != 0 || fchmod(fd.Get(), VELA_LOCK_FILE_MODE) != 0) {
+        VELA_LOG(LOG_ERR, "Failed to set the owner and mode of the lock file %s: %s", path.c_str(), strerror(errno));
+      }
     }
   }
   return fd;
@@ -189,13 +196,31 @@ bool IsPathComponent(const std::string& name) {
 }
 
 gid_t WebServerGroupId() {
+  // The group database is read once per change of the group file, not for
+  // every lock file a request opens.
+  static struct {
+    bool known = false;
+    dev_t device;
+    ino_t inode;
+    struct timespec changed;
+    off_t size;
+    gid_t gid;
+  } cache;
+  struct stat st;
+  const bool stated = stat("/etc/group", &st) == 0;
+  if (stated && cache.known && cache.device == st.st_dev && cache.inode == st.st_ino &&
+      cache.changed.tv_sec == st.st_ctim.tv_sec && cache.changed.tv_nsec == st.st_ctim.tv_nsec &&
+      cache.size == st.st_size) {
+    return cache.gid;
+  }
   struct group entry;
   struct group* found = nullptr;
   char buffer[4096];
-  if (getgrnam_r(VELA_WEB_SERVER_GROUP, &entry, buffer, sizeof(buffer), &found) != 0 || found == nullptr) {
-    return 0;
-  }
-  return found->gr_gid;
+  const gid_t gid = getgrnam_r(VELA_WEB_SERVER_GROUP, &entry, buffer, sizeof(buffer), &found) == 0 && found != nullptr
+                        ? found->gr_gid
+                        : 0;
+  if (stated) cache = {true, st.st_dev, st.st_ino, st.st_ctim, st.st_size, gid};
+  return gid;
 }
 
 }  // namespace VelaBtrfsUsage::Utils

@@ -33,14 +33,18 @@ vela::base::UniqueFd OpenContainingDirectory(const std::string& path, bool creat
 // refused with EINVAL, not waited on).
 vela::base::UniqueFd OpenRegularFileAt(int dirFd, const std::string& name);
 // Opens the lock file `path` without following a link: read-write when
-// `create` is set (made, root's with group `gid` and exactly `mode`, if
-// missing), else read-only. A FIFO or a device there is refused (EINVAL).
-vela::base::UniqueFd OpenLockFile(const std::string& path, bool create, mode_t mode, gid_t gid);
+// `create` is set (made if missing), else read-only. A FIFO or a device
+// there is refused (EINVAL). Lock files are root's, with the web server's
+// group and VELA_LOCK_FILE_MODE; one found otherwise (made by an older
+// version, or while the machine had no such group, or by hand) is given
+// them again whenever root opens it.
+vela::base::UniqueFd OpenLockFile(const std::string& path, bool create);
 // Whether `name` can be one entry of a directory: not empty, not "." or
 // "..", no "/" or NUL, at most 255 bytes. Names from requests and files
 // become parts of paths written as root only after this.
 bool IsPathComponent(const std::string& name);
-// The web server's group, or 0 when the machine has none.
+// The web server's group, or 0 when the machine has none. Looked up again
+// only when the group file has changed.
 gid_t WebServerGroupId();
 
 }  // namespace VelaBtrfsUsage::Utils

@@ -193,20 +193,27 @@ bool TimeFitsStrings(long t) {
 }
 
 // The share clean-up: results, status record, map entry; each step is
-// tried whatever the one before gave.
-void CleanUpShare(const std::string& shareName) {
-  if (!ShareSnapUsageCal::CleanTaskResultFile(shareName, true)) {
+// tried whatever the one before gave. Whether all of it is gone.
+bool CleanUpShare(const std::string& shareName) {
+  // A share without a result directory has no results to remove.
+  const bool hadResults = Utils::OpenStateDirectory(ShareSnapUsageCal::GetResultBasePath(shareName), false).Valid();
+  const bool resultsGone = !hadResults || ShareSnapUsageCal::CleanTaskResultFile(shareName, true);
+  if (!resultsGone) {
     VELA_LOG(LOG_ERR, "Failed to clean task result of sahre snapshot calculator, share: %s" VELA_ERR_FMT,
              shareName.c_str(), VELA_ERR_ARGS);
   }
-  if (!ShareTaskStatus::CleanShareStatus(shareName)) {
+  const bool statusGone =
+      ShareTaskStatus::CleanShareStatus(shareName) && !ShareTaskStatus::CheckShareStatusFile(shareName);
+  if (!statusGone) {
     VELA_LOG(LOG_ERR, "Failed to clean task status of share snapshot calculator, share: %s" VELA_ERR_FMT,
              shareName.c_str(), VELA_ERR_ARGS);
   }
-  if (RemoveShareFromCalMap(shareName) != SHARE_CAL_SUCCESS) {
+  const bool entryGone = RemoveShareFromCalMap(shareName) == SHARE_CAL_SUCCESS;
+  if (!entryGone) {
     VELA_LOG(LOG_ERR, "Failed to remove member in the task share map, share: %s" VELA_ERR_FMT,
              shareName.c_str(), VELA_ERR_ARGS);
   }
+  return resultsGone && statusGone && entryGone;
 }
 
 // What is known of whether a calculation still has a process behind it.
@@ -215,11 +222,11 @@ enum class Liveness { kAlive, kGone, kUnknown };
 // A pending calculation ("ready") lives while the request creating and
 // launching it holds the share's creation lock.
 Liveness CreationLiveness(const std::string& shareName) {
-  const vela::base::UniqueFd lock = Utils::OpenLockFile(FileNames::ShareTaskLock(shareName), false, 0, 0);
+  const vela::base::UniqueFd lock = Utils::OpenLockFile(FileNames::ShareTaskLock(shareName), false);
   if (!lock.Valid()) return errno == ENOENT ? Liveness::kGone : Liveness::kUnknown;
-  const pid_t holder = vela::base::RecordLockHolder(lock.Get());
-  if (holder < 0) return Liveness::kUnknown;
-  return holder > 0 ? Liveness::kAlive : Liveness::kGone;
+  const int taken = vela::base::RecordLockTaken(lock.Get());
+  if (taken < 0) return Liveness::kUnknown;
+  return taken > 0 ? Liveness::kAlive : Liveness::kGone;
 }
 
 // A running calculation ("process") lives while the child recorded in the
@@ -272,21 +279,23 @@ bool CalculationRunning(const std::string& shareName, const MapLookup& entry, Ta
 
 // Stops the child of `taskID` if one is proven to run it, and waits for it
 // to end: asked with SIGTERM (it records "stop" and ends its tool), then
-// killed if it does not end in time.
-void StopChildAndWait(const std::string& taskID) {
+// killed if it does not end in time. False when it could not be ended.
+bool StopChildAndWait(const std::string& taskID) {
   TaskStatus record;
   CAL_TASK_STATUS state;
   pid_t pid = 0;
   unsigned long long started = 0;
   if (!record.Init(taskID, false) || record.GetCalculatorStatus(state) != TASK_STATUS_SUCCESS ||
       state != CAL_TASK_STATUS_PROCESS || !SnapUsageCalculator::ReadWorker(record, pid, started)) {
-    return;
+    return true;
   }
-  if (Utils::SignalProcessIfSame(pid, started, SIGTERM) <= 0) return;
-  if (Utils::WaitProcessGone(pid, started, kWorkerStopWaitMs)) return;
+  const int asked = Utils::SignalProcessIfSame(pid, started, SIGTERM);
+  if (asked == 0) return true;
+  if (asked > 0 && Utils::WaitProcessGone(pid, started, kWorkerStopWaitMs)) return true;
   VELA_LOG_TASK(LOG_ERR, "CleanAll", taskID, "The calculator child [%d] did not stop within %d ms; killing it",
                 static_cast<int>(pid), kWorkerStopWaitMs);
-  if (Utils::SignalProcessIfSame(pid, started, SIGKILL) > 0) Utils::WaitProcessGone(pid, started, kWorkerKillWaitMs);
+  const int killed = Utils::SignalProcessIfSame(pid, started, SIGKILL);
+  return killed == 0 || (killed > 0 && Utils::WaitProcessGone(pid, started, kWorkerKillWaitMs));
 }
 
 }  // namespace
@@ -447,9 +456,12 @@ int ShareSnapUsageCal::CreateTask(const std::string& name) {
 
   // Held through the launch, until the child has recorded itself:
   // concurrent starts of one share queue here, and a pending calculation
-  // whose lock nobody holds is one whose request went away.
+  // whose lock nobody holds is one whose request and child went away. A
+  // lock of the open file, which the child holds too from its fork on: a
+  // request that dies after the fork leaves the lock with its child.
   const std::string lockPath = FileNames::ShareTaskLock(name);
-  if (!Utils::GeneralFileLock(lockPath, true, creationLockFd)) {
+  if (!Utils::GeneralFileLock(lockPath, true, creationLockFd, Utils::LockWait::kBounded,
+                              vela::base::LockOwner::kOpenFile)) {
     VELA_LOG(LOG_ERR, "Failed to lock the file, path: %s, exclusive: %d", lockPath.c_str(), 1);
     ReleaseCreationLock();
     return SHARE_CAL_FAIL;
@@ -466,18 +478,27 @@ int ShareSnapUsageCal::CreateTask(const std::string& name) {
   if (!oldTaskID.empty()) TaskResult::CleanFile(oldTaskID);
   int result = SHARE_CAL_FAIL;
   shareName = name;
+  // The new task is in the map before its first file exists: whatever step
+  // a start dies at, every file of the task is found (and removed) by the
+  // share's next start or clean-up.
+  std::string taskID;
   if (!shareTaskStatus.Init(name, true)) {
     VELA_LOG(LOG_ERR, "Failed to initialize task status of snapshot calculator for share [%s]" VELA_ERR_FMT,
              name.c_str(), VELA_ERR_ARGS);
   } else if (shareTaskStatus.SetCalculatorStatus(CAL_TASK_STATUS_READY) != TASK_STATUS_SUCCESS) {
     VELA_LOG(LOG_ERR, "Failed to set ShareTaskStatus for share [%s] as ready status" VELA_ERR_FMT,
              name.c_str(), VELA_ERR_ARGS);
-  } else if (!SnapUsageCalculator::CreateTask(calculator)) {
+  } else if (!SnapUsageCalculator::GenTaskID(taskID)) {
     VELA_LOG(LOG_ERR, "Failed to create the calculator for share [%s]", name.c_str());
     result = EndWithFailure(SHARE_CAL_TASK_NOT_CREATED);
-  } else if (RecordTask(name, calculator.GetTaskID()) != SHARE_CAL_SUCCESS) {
+  } else if (RecordTask(name, taskID) != SHARE_CAL_SUCCESS) {
     EndWithFailure(result);
+  } else if (calculator.Init(taskID) != SNAP_USAGE_CAL_SUCCESS) {
+    VELA_LOG(LOG_ERR, "Failed to initialize the calculator task with ID :%s", taskID.c_str());
+    VELA_LOG(LOG_ERR, "Failed to create the calculator for share [%s]", name.c_str());
+    result = EndWithFailure(SHARE_CAL_TASK_NOT_CREATED);
   } else {
+    calculator.HoldUntilRecorded(creationLockFd);
     return SHARE_CAL_SUCCESS;
   }
   ReleaseCreationLock();
@@ -612,23 +633,42 @@ int ShareSnapUsageCal::WaitForChildRecord() {
 _tag_progress_update_function_ret ShareSnapUsageCal::UpdateTaskStatus(TaskStatus& taskStatus, void* data) {
   (void)data;
   const std::string& taskID = taskStatus.GetTaskID();
-  std::string share;
-  if (FindShareNameByTaskID(taskID, share) != SHARE_CAL_SUCCESS) {
+  // What this process last brought into the share's status for a task: the
+  // share (which a task never changes) and the state.
+  static struct {
+    std::string taskID;
+    std::string share;
+    std::string state;
+  } last;
+  if (last.taskID != taskID) last = {taskID, "", ""};
+  if (last.share.empty() && FindShareNameByTaskID(taskID, last.share) != SHARE_CAL_SUCCESS) {
     VELA_LOG_TASK(LOG_ERR, "UpdateTaskStatus", taskID,
-                  "Failed to get the corresponding share name[%s]" VELA_ERR_FMT, share.c_str(), VELA_ERR_ARGS);
+                  "Failed to get the corresponding share name[%s]" VELA_ERR_FMT, last.share.c_str(), VELA_ERR_ARGS);
     return PROGRESS_UPDATE_FAIL;
   }
   ShareTaskStatus shareStatus;
-  if (!shareStatus.Init(share, false)) {
+  if (!shareStatus.Init(last.share, false)) {
     VELA_LOG_TASK(LOG_ERR, "UpdateTaskStatus", taskID,
                   "Failed to initialize task status of share snapshot calculator" VELA_ERR_FMT, VELA_ERR_ARGS);
     return PROGRESS_UPDATE_FAIL;
   }
-  if (!shareStatus.Import(taskStatus)) {
+  Json::Value doc;
+  if (taskStatus.GetJsonVal(doc) != TASK_STATUS_SUCCESS) {
+    VELA_LOG_TASK(LOG_ERR, "UpdateTaskStatus", taskID, "Failed to get json value" VELA_ERR_FMT, VELA_ERR_ARGS);
+    return PROGRESS_UPDATE_FAIL;
+  }
+  const std::string state = doc.isObject() && doc["status"].isString() ? doc["status"].asString() : "";
+  // A change of state (the child's start record, the outcome) must reach
+  // the share; progress within a state may be skipped when the lock is busy.
+  const StatusWrite how = state == last.state ? StatusWrite::kSkipIfBusy : StatusWrite::kAlways;
+  const int imported = shareStatus.ImportDocument(doc, how);
+  if (imported == TASK_STATUS_SKIPPED) return PROGRESS_UPDATE_SUCCESS;
+  if (imported != TASK_STATUS_SUCCESS) {
     VELA_LOG_TASK(LOG_ERR, "UpdateTaskStatus", taskID,
                   "Failed to import task status of snapshot calculator" VELA_ERR_FMT, VELA_ERR_ARGS);
     return PROGRESS_UPDATE_FAIL;
   }
+  last.state = state;
   return PROGRESS_UPDATE_SUCCESS;
 }
 
@@ -779,28 +819,31 @@ int ShareSnapUsageCal::Stop(const std::string& name) {
   return SHARE_CAL_SUCCESS;
 }
 
-void ShareSnapUsageCal::CleanAll(const std::string& name) {
-  if (name.empty()) return;
+int ShareSnapUsageCal::CleanAll(const std::string& name) {
+  if (name.empty()) return SHARE_CAL_SUCCESS;
   Json::Value map;
-  if (LoadShareCalMap(map) != SHARE_CAL_SUCCESS) return;
+  if (LoadShareCalMap(map) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
   // Only a share the map knows is cleaned: the entry is what makes it ours.
-  if (!map.isMember(name) || !IsShareNameSafe(name)) return;
+  if (!map.isMember(name) || !IsShareNameSafe(name)) return SHARE_CAL_SUCCESS;
   // No start of the share runs meanwhile, and a running calculation is
-  // stopped first: clean-ups can never leave a child behind them.
+  // stopped first: clean-ups can never leave a child behind them. (A lock
+  // of the open file, as a start holds it, so that the two exclude each
+  // other also within one process.)
   const std::string lockPath = FileNames::ShareTaskLock(name);
-  Utils::ScopedFileLock creation(lockPath, true);
+  Utils::ScopedFileLock creation(lockPath, true, vela::base::LockOwner::kOpenFile);
   if (!creation.Locked()) {
     VELA_LOG(LOG_ERR, "Failed to lock the file, path: %s, exclusive: %d", lockPath.c_str(), 1);
-    return;
+    return SHARE_CAL_FAIL;
   }
   std::string taskID;
   bool expired = false;
+  bool stopped = true;
   if (FindTaskID(name, taskID, expired) == SHARE_CAL_SUCCESS) {
-    StopChildAndWait(taskID);
+    stopped = StopChildAndWait(taskID);
     TaskStatus::CleanFile(taskID);
     TaskResult::CleanFile(taskID);
   }
-  CleanUpShare(name);
+  return CleanUpShare(name) && stopped ? SHARE_CAL_SUCCESS : SHARE_CAL_FAIL;
 }
 
 int ShareSnapUsageCal::CleanAllSResult() {
@@ -827,7 +870,7 @@ int ShareSnapUsageCal::CleanNotDoneTask() {
                name.c_str());
       continue;  // a share whose state cannot be read is left alone
     }
-    if (state == CAL_TASK_STATUS_PROCESS) CleanAll(name);
+    if (state == CAL_TASK_STATUS_PROCESS) CleanAll(name);  // its failures are logged where they happen
   }
   return SHARE_CAL_SUCCESS;
 }

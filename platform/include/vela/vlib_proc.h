@@ -44,6 +44,11 @@ VELA_PLATFORM_API int VLIBCPclose(FILE* fp);
 // The worker keeps the caller's signal handlers and mask; the caller's
 // SIGCHLD disposition is left as it is.
 VELA_PLATFORM_API pid_t VLIBCProcForkChildNoWait(void);
+// As VLIBCProcForkChildNoWait, but the worker keeps the caller's descriptor
+// `keepFd` (under the same number) besides 0, 1 and 2: a lock of the open
+// file behind it is then the worker's too, without a moment between the
+// fork and the worker holding it. -1 keeps nothing.
+VELA_PLATFORM_API pid_t VLIBCProcForkChildNoWaitKeepFd(int keepFd);
 
 #ifdef __cplusplus
 }

@@ -96,8 +96,10 @@ class VELA_EXPORT ShareSnapUsageCal {
   static int Stop(const std::string& shareName);
   // Stops the share's running calculation and waits for it to end, then
   // removes the task's files, the share's results, status record and map
-  // entry.
-  static void CleanAll(const std::string& shareName);
+  // entry. 0 when nothing of the share is left (also for a share without a
+  // map entry, which is not the module's to clean), 1 when something could
+  // not be removed or the share's lock was not granted.
+  static int CleanAll(const std::string& shareName);
   static int CleanAllSResult();
   // Cleans up every share recorded as still calculating.
   static int CleanNotDoneTask();
