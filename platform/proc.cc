@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -120,6 +121,7 @@ struct ChildPlan {
   int nullFd;        // /dev/null for standard input, or -1
   int errorFd;       // write end of the pipe reporting a failed exec
   long maxFd;
+  pid_t caller;      // the process starting the program
 };
 
 // The child between fork and exec: only async-signal-safe calls.
@@ -147,6 +149,12 @@ struct ChildPlan {
   // Nor does the caller's working directory concern the program (nor keep
   // a file system busy while it runs).
   if (error == 0 && chdir("/") != 0) error = errno;
+  // The program ends with its caller: nobody else reads what it prints or
+  // stops it, so a program left behind would only go on working for
+  // nothing (and a caller that died, or was killed, cannot end it). A
+  // caller gone before this is in place is found by the check after it.
+  if (error == 0 && prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) error = errno;
+  if (error == 0 && getppid() != plan.caller) _exit(127);
   if (error == 0) {
     CloseRange(4, kLastFd, plan.maxFd);
     execve(plan.path, plan.argv, plan.envp);
@@ -194,7 +202,7 @@ FILE* Popen(const char* path, const char* mode, char* const argv[]) {
     return nullptr;
   }
   const ChildPlan plan = {path,       argv,         const_cast<char* const*>(kChildEnvironment), theirs.Get(),
-                          reading ? 1 : 0, null.Get(), errorWrite.Get(), MaxFd()};
+                          reading ? 1 : 0, null.Get(), errorWrite.Get(), MaxFd(),          getpid()};
 
   pid_t pid;
   {

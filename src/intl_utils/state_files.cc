@@ -13,6 +13,7 @@
 #include <cstring>
 #include <vector>
 
+#include "base/atomic_file.h"
 #include "base/directory.h"
 #include "intl_utils/file_names.h"
 #include "intl_utils/log.h"
@@ -129,6 +130,13 @@ bool RemoveStateFile(const std::string& path) {
   const UniqueFd dir = OpenContainingDirectory(path, false, name);
   if (!dir.Valid()) return errno == ENOENT;
   return unlinkat(dir.Get(), name.c_str(), 0) == 0 || errno == ENOENT;
+}
+
+bool RemoveStateFileTemporary(const std::string& path) {
+  std::string name;
+  const UniqueFd dir = OpenContainingDirectory(path, false, name);
+  if (!dir.Valid()) return errno == ENOENT;
+  return vela::base::RemoveTreeAt(dir.Get(), vela::base::TemporaryNameFor(name));
 }
 
 UniqueFd OpenContainingDirectory(const std::string& path, bool create, std::string& name) {

@@ -25,6 +25,10 @@ bool EnsureStateDirectory(const std::string& dir);
 // Removes the file `path` (a missing one is fine) without following links
 // on the way. False with errno set otherwise.
 bool RemoveStateFile(const std::string& path);
+// Removes what a writer of `path` that died left under its temporary name
+// (a missing one is fine): for files no writer will write again, whose
+// next writer would otherwise be the one to remove it.
+bool RemoveStateFileTemporary(const std::string& path);
 // Opens the directory holding `path` (as OpenStateDirectory) and gives the
 // file's name in it.
 vela::base::UniqueFd OpenContainingDirectory(const std::string& path, bool create, std::string& name);

@@ -471,8 +471,9 @@ int ShareSnapUsageCal::CreateTask(const std::string& name) {
     ReleaseCreationLock();
     return SHARE_CAL_BUSY;
   }
-  // Whatever the old task left in the run-time directories goes now.
-  if (!oldTaskID.empty() && TaskStatus::CheckFile(oldTaskID) && !TaskStatus::CleanFile(oldTaskID)) {
+  // Whatever the old task left in the run-time directories goes now (also
+  // what a start that died before the task's record was whole left).
+  if (!oldTaskID.empty() && !TaskStatus::CleanFile(oldTaskID)) {
     VELA_LOG(LOG_DEBUG, "Failed to clean up task status with ID: %s", oldTaskID.c_str());
   }
   if (!oldTaskID.empty()) TaskResult::CleanFile(oldTaskID);

@@ -104,7 +104,14 @@ bool TaskStatus::CheckFile(const std::string& id) {
 }
 
 bool TaskStatus::CleanFile(const std::string& id) {
-  if (!Utils::IsPathComponent(id) || !CheckFile(id)) return true;  // the lock file is left alone then
+  if (!Utils::IsPathComponent(id)) return true;
+  // A writer that died may have left the record's temporary file, also
+  // before the record itself was first written.
+  if (!Utils::RemoveStateFileTemporary(GetFilePath(id))) {
+    VELA_LOG_TASK(LOG_ERR, "CleanFile", id, "Failed to unlink file (%s) err:(%s) ", GetFilePath(id).c_str(),
+                  strerror(errno));
+  }
+  if (!CheckFile(id)) return true;  // the lock file is left alone then
   for (const std::string& path : {GetFilePath(id), GetFileLockPath(id)}) {
     if (!Utils::RemoveStateFile(path)) {
       VELA_LOG_TASK(LOG_ERR, "CleanFile", id, "Failed to unlink file (%s) err:(%s) ", path.c_str(),

@@ -16,6 +16,7 @@
 
 #include "support/command.h"
 #include "support/fork_child.h"
+#include "support/kill_at_step.h"
 #include "support/sandbox_mounts.h"
 #include "support/scratch_dir.h"
 #include "support/share_fixture.h"
@@ -227,6 +228,33 @@ TEST_F(Lifecycle, StartCleanLoopsNeverLeaveASecondChildAndCleanTouchesOnlyItsSha
   EXPECT_EQ("ok null", Call("clean", R"({"share_name":"share1"})"));
   EXPECT_EQ((std::vector<std::string>{"on-unmounted-volume", "share2"}), ReadJson(kMap).getMemberNames());
   EXPECT_EQ("done", module_.Call("get_report", R"({"share_name":"share2"})").GetData()["status"].asString());
+}
+
+TEST_F(Lifecycle, WhicheverProcessOfAStartDiesAtWhicheverStepAtMostOneCalculationRunsAndNothingIsLeft) {
+  tool_.Script({"@alone", "exclusive 600 bytes", "@sleep 20", "@subvols 100"});
+  const std::string params = StartParams("share1", 1, 1);
+  ASSERT_EQ("ok null", Call("start", params));  // each start then replaces a finished calculation
+  ASSERT_EQ("done 0", WaitForEnd("share1"));
+  int step = 1;
+  for (;; ++step) {
+    const KilledStep killed = KillAtStep([&] { module_.Call("start", params); }, step);
+    if (!killed.killed) break;
+    const std::string at = "killed at step " + std::to_string(step) + " (" + killed.call + ")";
+    // The next start finds the calculation running, or none (and starts it).
+    const std::string next = Call("start", params);
+    EXPECT_TRUE(next == "ok null" || next == "error 5002") << at << ": " << next;
+    for (int i = 0; i < 1000 && (HasChildren() || State("share1").rfind("ready", 0) == 0 ||
+                                 State("share1").rfind("process", 0) == 0); ++i) {
+      WaitForExit(-1, 10);
+    }
+    ASSERT_FALSE(HasChildren()) << at;
+    EXPECT_NE(0, access((std::string(kBtrfsDoubleDir) + "/overlaps").c_str(), F_OK)) << at << ": two tools ran";
+    unlink((std::string(kBtrfsDoubleDir) + "/overlaps").c_str());
+    EXPECT_EQ(0u, FilesIn("/run/velabtrfssnapusage")) << at;
+    EXPECT_EQ("", RunCommand({"find", "/run/velabtrfssnapusage", "/run/lock/velabtrfssnapusage",
+                              "/usr/local/velabtrfssnapusage", "-name", ".*.tmp"}).out) << at;
+  }
+  EXPECT_GT(step, 100) << "the sweep must cover the whole start";
 }
 
 TEST_F(Lifecycle, AShareWithTheLongestNameIsCalculated) {

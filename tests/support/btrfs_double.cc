@@ -13,9 +13,13 @@
 //                   will not be stopped would
 //   @subvols B      for the k-th root ID given after "-r MOUNT" (k from 0),
 //                   print "subvol(ID) B*(k+1) bytes"
+//   @alone          mark this run as running until it ends; a run that
+//                   finds another one marked adds a line to "overlaps"
 // Without a script it prints nothing and exits 0. A reader that goes away
 // ends it (SIGPIPE), as it would end the real tool.
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -43,6 +47,10 @@ int main(int argc, char** argv) {
       fprintf(stderr, "%s\n", line.c_str() + 8);
     } else if (line.rfind("@pidfile ", 0) == 0) {
       std::ofstream(line.substr(9)) << getpid() << "\n";
+    } else if (line == "@alone") {
+      const std::string dir = vela::test::kBtrfsDoubleDir;
+      const int fd = open((dir + "/alone").c_str(), O_RDWR | O_CREAT, 0600);  // kept open until the end
+      if (fd < 0 || flock(fd, LOCK_EX | LOCK_NB) != 0) std::ofstream(dir + "/overlaps", std::ios::app) << getpid() << "\n";
     } else if (line == "@ignore-signals") {
       signal(SIGTERM, SIG_IGN);
       signal(SIGPIPE, SIG_IGN);

@@ -4,7 +4,8 @@
 // the directory "/" with an environment of their own (PATH and LC_ALL=C
 // only), standard input from /dev/null (read mode), every descriptor above
 // 2 closed, the caller's signal mask, and every signal at its default
-// action (a server that ignores SIGPIPE does not pass that on).
+// action (a server that ignores SIGPIPE does not pass that on). A program
+// is killed (SIGKILL) when the process that started it ends.
 #ifndef VELA_VLIB_PROC_H_
 #define VELA_VLIB_PROC_H_
 
