@@ -14,13 +14,13 @@ namespace {
 
 constexpr int kLockWaitLimitMs = 30 * 1000;
 
-struct flock WholeFile(short type, LockOwner owner) {
+struct flock WholeFile(short type) {
   struct flock record = {};
   record.l_type = type;
   record.l_whence = SEEK_SET;
   record.l_start = 0;
   record.l_len = 0;  // the whole file, however large it grows
-  record.l_pid = owner == LockOwner::kProcess ? getpid() : 0;  // an open file's lock must say 0
+  record.l_pid = 0;  // only asked locks report one; an open file's lock must say 0
   return record;
 }
 
@@ -51,7 +51,7 @@ int WaitForRecordLock(int fd, bool exclusive, int limitMs, LockOwner owner) {
   const long long deadline = NowMs() + limitMs;
   long pauseUs = 200;
   for (;;) {
-    struct flock record = WholeFile(exclusive ? F_WRLCK : F_RDLCK, owner);
+    struct flock record = WholeFile(exclusive ? F_WRLCK : F_RDLCK);
     if (fcntl(fd, SetCommand(owner), &record) == 0) return 0;
     if (errno != EAGAIN && errno != EACCES && errno != EINTR) return errno;
     if (NowMs() >= deadline) return ETIMEDOUT;
@@ -61,14 +61,14 @@ int WaitForRecordLock(int fd, bool exclusive, int limitMs, LockOwner owner) {
 }
 
 int ReleaseRecordLock(int fd, LockOwner owner) {
-  struct flock record = WholeFile(F_UNLCK, owner);
+  struct flock record = WholeFile(F_UNLCK);
   return fcntl(fd, SetCommand(owner), &record) == 0 ? 0 : errno;
 }
 
 int RecordLockTaken(int fd) {
   // Asked as an open file's lock, which conflicts with every lock but its
   // own open's, of this process or another, of either kind.
-  struct flock record = WholeFile(F_WRLCK, LockOwner::kOpenFile);
+  struct flock record = WholeFile(F_WRLCK);
   if (fcntl(fd, F_OFD_GETLK, &record) != 0) return -1;
   return record.l_type == F_UNLCK ? 0 : 1;
 }

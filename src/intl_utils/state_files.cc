@@ -5,12 +5,14 @@
 #include <limits.h>
 #include <sys/random.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <vector>
 
 #include "base/atomic_file.h"
@@ -116,11 +118,102 @@ UniqueFd Walk(const std::string& dir, const char* tree, bool create) {
   return at;
 }
 
+// The request a StateDirectoryReuse stands for (0: none).
+unsigned long gRequest = 0;
+unsigned long gRequests = 0;
+
+// State directories this process has walked to and checked, kept open.
+// A request reads a record of every share, each through two directories:
+// walking and checking every component each time cost most of the time of
+// a request. A directory is used again as long as its path still leads to
+// it and it is still root's and closed to others; it is open, so its inode
+// cannot be taken by another directory meanwhile.
+class CheckedDirectories {
+ public:
+  // A new open of the directory, without a walk: not a duplicate, whose
+  // reading position a caller listing the directory would share.
+  static UniqueFd OpenAgain(int fd) { return UniqueFd(openat(fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)); }
+
+  UniqueFd Find(const std::string& dir) {
+    if (owner_ != getpid()) Forget();
+    const auto found = dirs_.find(dir);
+    if (found == dirs_.end()) return UniqueFd();
+    // The path must still lead to the directory checked, and the directory
+    // still be root's and closed to others (looked at once per request
+    // within a StateDirectoryReuse).
+    struct stat byPath;
+    struct stat held;
+    if (found->second.seenIn != gRequest || gRequest == 0) {
+      if (stat(dir.c_str(), &byPath) != 0 || byPath.st_dev != found->second.device ||
+          byPath.st_ino != found->second.inode || fstat(found->second.fd, &held) != 0 || held.st_uid != 0 ||
+          (held.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        close(found->second.fd);
+        dirs_.erase(found);
+        return UniqueFd();
+      }
+      found->second.seenIn = gRequest;
+    }
+    return OpenAgain(found->second.fd);
+  }
+
+  void Keep(const std::string& dir, int fd) {
+    // A few directories are used by every request; one per share (result
+    // directories) must not make the process hold a descriptor per share.
+    if (owner_ != getpid() || dirs_.size() >= kMaxKept) Forget();
+    struct stat st;
+    if (fstat(fd, &st) != 0) return;
+    const int kept = OpenAgain(fd).Release();
+    if (kept < 0) return;
+    const auto [place, added] = dirs_.emplace(dir, Held{kept, st.st_dev, st.st_ino, gRequest});
+    if (!added) {
+      close(place->second.fd);
+      place->second = {kept, st.st_dev, st.st_ino, gRequest};
+    }
+  }
+
+ private:
+  // A forked child has the memory but not the descriptors (workers close
+  // them all), whose numbers may name other files there by now.
+  void Forget() {
+    if (owner_ == getpid()) {
+      for (const auto& [dir, held] : dirs_) close(held.fd);
+    }
+    dirs_.clear();
+    owner_ = getpid();
+  }
+
+  struct Held {
+    int fd;
+    dev_t device;
+    ino_t inode;
+    unsigned long seenIn;  // the request it was last looked up in
+  };
+  static constexpr size_t kMaxKept = 16;
+  pid_t owner_ = 0;
+  std::map<std::string, Held> dirs_;
+};
+
+CheckedDirectories& Checked() {
+  static auto* checked = new CheckedDirectories;  // outlives exit-time users
+  return *checked;
+}
+
 }  // namespace
 
+StateDirectoryReuse::StateDirectoryReuse() : outer_(gRequest) {
+  if (outer_ == 0) gRequest = ++gRequests;
+}
+
+StateDirectoryReuse::~StateDirectoryReuse() { gRequest = outer_; }
+
 UniqueFd OpenStateDirectory(const std::string& dir, bool create) {
-  if (const char* tree = TreeOf(dir)) return Walk(dir, tree, create);
-  return UniqueFd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const char* tree = TreeOf(dir);
+  if (tree == nullptr) return UniqueFd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  UniqueFd found = Checked().Find(dir);
+  if (found.Valid()) return found;
+  UniqueFd walked = Walk(dir, tree, create);
+  if (walked.Valid()) Checked().Keep(dir, walked.Get());
+  return walked;
 }
 
 bool EnsureStateDirectory(const std::string& dir) { return OpenStateDirectory(dir, true).Valid(); }
@@ -213,7 +306,13 @@ gid_t WebServerGroupId() {
     struct timespec changed;
     off_t size;
     gid_t gid;
+    time_t checkedAt;
   } cache;
+  // And the group file itself is looked at again at most once a second.
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  if (cache.known && now.tv_sec == cache.checkedAt) return cache.gid;
+  cache.checkedAt = now.tv_sec;
   struct stat st;
   const bool stated = stat("/etc/group", &st) == 0;
   if (stated && cache.known && cache.device == st.st_dev && cache.inode == st.st_ino &&
@@ -227,7 +326,7 @@ gid_t WebServerGroupId() {
   const gid_t gid = getgrnam_r(VELA_WEB_SERVER_GROUP, &entry, buffer, sizeof(buffer), &found) == 0 && found != nullptr
                         ? found->gr_gid
                         : 0;
-  if (stated) cache = {true, st.st_dev, st.st_ino, st.st_ctim, st.st_size, gid};
+  if (stated) cache = {true, st.st_dev, st.st_ino, st.st_ctim, st.st_size, gid, now.tv_sec};
   return gid;
 }
 

@@ -12,8 +12,25 @@
 #include <string>
 
 #include "base/unique_fd.h"
+#include "velabtrfssnapusage/export.h"
 
 namespace VelaBtrfsUsage::Utils {
+
+// For as long as one lives, a state directory that was looked up once is
+// used again without looking at its path again: a request reads files of
+// every share in the same few directories, which nothing but root's own
+// clean-ups changes. Outside, every use looks the path up again (the
+// directory itself, checked once, is kept open by the process).
+class VELA_EXPORT StateDirectoryReuse {
+ public:
+  StateDirectoryReuse();
+  ~StateDirectoryReuse();
+  StateDirectoryReuse(const StateDirectoryReuse&) = delete;
+  StateDirectoryReuse& operator=(const StateDirectoryReuse&) = delete;
+
+ private:
+  unsigned long outer_;
+};
 
 // Opens directory `dir`. In a state tree, missing directories are made
 // (root's, VELA_STATE_DIR_MODE) when `create` is set; a missing one is

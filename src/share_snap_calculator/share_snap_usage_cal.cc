@@ -14,6 +14,7 @@
 #include "base/numbers.h"
 #include "base/record_lock.h"
 #include "vela/sz_list.h"
+#include "intl_utils/cached_json_file.h"
 #include "intl_utils/file_names.h"
 #include "intl_utils/log.h"
 #include "intl_utils/state_files.h"
@@ -46,16 +47,21 @@ constexpr int kWorkerStartWaitMs = 30 * 1000;
 constexpr int kWorkerStopWaitMs = 10 * 1000;
 constexpr int kWorkerKillWaitMs = 2 * 1000;
 
+using MapPtr = std::shared_ptr<const Json::Value>;
+
 // The map as read from the file. Anything but an object (a missing or
-// corrupt file) is an empty map.
-Json::Value ReadMap() {
-  Json::Value map = Utils::GetJsonAttrByPath(kMapFile);
-  return map.isObject() ? map : Json::Value(Json::objectValue);
+// corrupt file) is an empty map. Parsed once per change of the file: with
+// many shares and snapshots it is the biggest state file by far, read by
+// every request.
+MapPtr ReadMap() {
+  static Utils::CachedJsonFile file(kMapFile);
+  MapPtr map = file.Get();
+  return map->isObject() ? map : std::make_shared<const Json::Value>(Json::objectValue);
 }
 
 // The map read under its shared lock. 0, or 1 when the lock fails (`map`
 // is then left untouched).
-int LoadShareCalMap(Json::Value& map) {
+int LoadShareCalMap(MapPtr& map) {
   int fd = -1;
   const bool locked = Utils::GeneralFileLock(kMapLock, false, fd);
   if (!locked) {
@@ -110,7 +116,7 @@ int UpdateEntry(const std::string& shareName, Change change) {
     VELA_LOG(LOG_ERR, "Failed to lock the file, path: %s, exclusive: %d", kMapLock, 1);
     return SHARE_CAL_FAIL;
   }
-  Json::Value map = ReadMap();
+  Json::Value map = *ReadMap();
   change(WritableEntry(map, shareName));
   return Utils::SetJsonAttrByPath(kMapFile, map) ? SHARE_CAL_SUCCESS : SHARE_CAL_FAIL;
 }
@@ -154,7 +160,7 @@ int RemoveShareFromCalMap(const std::string& shareName) {
     VELA_LOG(LOG_ERR, "Failed to lock the file, path: %s, exclusive: %d", kMapLock, 1);
     return SHARE_CAL_FAIL;
   }
-  Json::Value map = ReadMap();
+  Json::Value map = *ReadMap();
   if (!map.isMember(shareName)) return SHARE_CAL_SUCCESS;
   map.removeMember(shareName);
   return Utils::SetJsonAttrByPath(kMapFile, map) ? SHARE_CAL_SUCCESS : SHARE_CAL_FAIL;
@@ -231,12 +237,12 @@ Liveness CreationLiveness(const std::string& shareName) {
 
 // A running calculation ("process") lives while the child recorded in the
 // status, named by its PID and start time, runs.
-Liveness ChildLiveness(TaskStatus& status, const std::string& taskID) {
+Liveness ChildLiveness(const Json::Value& record, const std::string& taskID) {
   // A task's own files go when it ends, and with every restart.
   if (!taskID.empty() && !TaskStatus::CheckFile(taskID)) return Liveness::kGone;
   pid_t pid = 0;
   unsigned long long started = 0;
-  if (!SnapUsageCalculator::ReadWorker(status, pid, started)) return Liveness::kUnknown;
+  if (!SnapUsageCalculator::ReadWorker(record, pid, started)) return Liveness::kUnknown;
   return Utils::ProcessIsAlive(pid, started) ? Liveness::kAlive : Liveness::kGone;
 }
 
@@ -255,12 +261,11 @@ MapLookup LookUpTask(const std::string& shareName) {
 }
 
 // Whether the share's calculation, recorded as `state` ("ready" or
-// "process") in `status`, still has a process behind it. Where nothing can
-// be proven, a map entry younger than two minutes counts as running. A
-// caller that holds the share's creation lock knows that no request is
-// creating: it must not open the lock file again either, since closing any
-// descriptor of a file drops the process's fcntl locks on it.
-bool CalculationRunning(const std::string& shareName, const MapLookup& entry, TaskStatus& status,
+// "process") in the share's `record`, still has a process behind it. Where
+// nothing can be proven, a map entry younger than two minutes counts as
+// running. A caller that holds the share's creation lock knows that no
+// request is creating (asking the lock would find its own).
+bool CalculationRunning(const std::string& shareName, const MapLookup& entry, const Json::Value& record,
                         CAL_TASK_STATUS state, bool holdingCreationLock) {
   const int found = entry.found;
   const std::string& taskID = entry.taskID;
@@ -269,7 +274,7 @@ bool CalculationRunning(const std::string& shareName, const MapLookup& entry, Ta
   if (found != SHARE_CAL_SUCCESS) return true;  // nothing known: as recorded
   Liveness live = Liveness::kGone;
   if (state == CAL_TASK_STATUS_PROCESS) {
-    live = ChildLiveness(status, taskID);
+    live = ChildLiveness(record, taskID);
   } else if (!holdingCreationLock) {
     live = CreationLiveness(shareName);
   }
@@ -320,8 +325,9 @@ int ShareSnapUsageCal::FindTaskID(const std::string& name, std::string& taskID, 
     VELA_INVALID_ARGUMENT("!shareName.empty()");
     return SHARE_CAL_INVALID_ARGUMENT;
   }
-  Json::Value map;
-  if (LoadShareCalMap(map) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
+  MapPtr loaded;
+  if (LoadShareCalMap(loaded) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
+  const Json::Value& map = *loaded;
   taskID = TaskIdOf(Entry(map, name));
   // An entry without a task of the system's making is corrupt: no entry.
   if (taskID.empty()) return SHARE_CAL_NOT_FOUND;
@@ -347,8 +353,9 @@ int ShareSnapUsageCal::FindShareNameByTaskID(const std::string& taskID, std::str
     VELA_INVALID_ARGUMENT("!taskID.empty()");
     return SHARE_CAL_INVALID_ARGUMENT;
   }
-  Json::Value map;
-  if (LoadShareCalMap(map) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
+  MapPtr loaded;
+  if (LoadShareCalMap(loaded) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
+  const Json::Value& map = *loaded;
   for (const std::string& member : map.getMemberNames()) {
     if (IsShareNameSafe(member) && TaskIdOf(Entry(map, member)) == taskID) {
       name = member;
@@ -359,8 +366,9 @@ int ShareSnapUsageCal::FindShareNameByTaskID(const std::string& taskID, std::str
 }
 
 BOOL ShareSnapUsageCal::GetShareTaskList(PVLIBSZLIST* list) {
-  Json::Value map;
-  if (LoadShareCalMap(map) != SHARE_CAL_SUCCESS) return FALSE;
+  MapPtr loaded;
+  if (LoadShareCalMap(loaded) != SHARE_CAL_SUCCESS) return FALSE;
+  const Json::Value& map = *loaded;
   for (const std::string& name : map.getMemberNames()) {
     if (!IsShareNameSafe(name)) continue;  // a corrupt entry names no share
     if (VLIBCSzListPush(list, name.c_str()) < 0) {
@@ -372,12 +380,26 @@ BOOL ShareSnapUsageCal::GetShareTaskList(PVLIBSZLIST* list) {
 }
 
 int ShareSnapUsageCal::GetShareState(const std::string& name, CAL_TASK_STATUS& state) {
+  Json::Value record;
+  return GetShareRecord(name, record, state);
+}
+
+int ShareSnapUsageCal::GetShareRecord(const std::string& name, Json::Value& record, CAL_TASK_STATUS& state) {
+  // One read of the record: every attribute a caller answers with comes
+  // from the same moment, and a share costs one locked read.
+  record = Json::Value(Json::objectValue);
   ShareTaskStatus status;
-  if (!status.Init(name, false) || status.GetCalculatorStatus(state) != TASK_STATUS_SUCCESS) {
+  Json::Value doc;
+  if (!status.Init(name, false) || status.GetJsonVal(doc) != TASK_STATUS_SUCCESS || !doc.isObject()) {
+    return SHARE_CAL_FAIL;
+  }
+  record = doc;
+  const Json::Value& text = record["status"];
+  if (!text.isString() || TaskStatus::CnvStatusStrToEnumIdx(text.asString(), state) != TASK_STATUS_SUCCESS) {
     return SHARE_CAL_FAIL;
   }
   if ((state == CAL_TASK_STATUS_READY || state == CAL_TASK_STATUS_PROCESS) &&
-      !CalculationRunning(name, LookUpTask(name), status, state, false)) {
+      !CalculationRunning(name, LookUpTask(name), record, state, false)) {
     state = CAL_TASK_STATUS_FAIL;  // its process is gone: it ended, without a result
   }
   return SHARE_CAL_SUCCESS;
@@ -407,9 +429,12 @@ bool ShareSnapUsageCal::CheckAvail(const std::string& name, std::string& taskID)
   }
   switch (state) {
     case CAL_TASK_STATUS_READY:
-    case CAL_TASK_STATUS_PROCESS:
+    case CAL_TASK_STATUS_PROCESS: {
       // A running child blocks whatever its age; one that is gone does not.
-      return !CalculationRunning(name, entry, status, state, true);
+      Json::Value record;
+      status.GetJsonVal(record);
+      return !CalculationRunning(name, entry, record, state, true);
+    }
     case CAL_TASK_STATUS_FAIL:
     case CAL_TASK_STATUS_STOP:
     case CAL_TASK_STATUS_DONE:
@@ -777,8 +802,9 @@ int ShareSnapUsageCal::FindSnapNameBySubvolID(const std::string& name, std::vect
   }
   if (*ppListSnapName == nullptr) return SHARE_CAL_INVALID_ARGUMENT;
   if (ids.empty()) return SHARE_CAL_SUCCESS;
-  Json::Value map;
-  if (LoadShareCalMap(map) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
+  MapPtr loaded;
+  if (LoadShareCalMap(loaded) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
+  const Json::Value& map = *loaded;
   const Json::Value& entry = Entry(map, name);
   const Json::Value& snapList = entry.isMember(kSnapList) ? entry[kSnapList] : Json::Value::nullSingleton();
   for (unsigned long long id : ids) {
@@ -822,8 +848,9 @@ int ShareSnapUsageCal::Stop(const std::string& name) {
 
 int ShareSnapUsageCal::CleanAll(const std::string& name) {
   if (name.empty()) return SHARE_CAL_SUCCESS;
-  Json::Value map;
-  if (LoadShareCalMap(map) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
+  MapPtr loaded;
+  if (LoadShareCalMap(loaded) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
+  const Json::Value& map = *loaded;
   // Only a share the map knows is cleaned: the entry is what makes it ours.
   if (!map.isMember(name) || !IsShareNameSafe(name)) return SHARE_CAL_SUCCESS;
   // No start of the share runs meanwhile, and a running calculation is
@@ -848,15 +875,17 @@ int ShareSnapUsageCal::CleanAll(const std::string& name) {
 }
 
 int ShareSnapUsageCal::CleanAllSResult() {
-  Json::Value map;
-  if (LoadShareCalMap(map) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
+  MapPtr loaded;
+  if (LoadShareCalMap(loaded) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
+  const Json::Value& map = *loaded;
   for (const std::string& name : map.getMemberNames()) CleanAll(name);  // CleanAll skips corrupt names
   return SHARE_CAL_SUCCESS;
 }
 
 int ShareSnapUsageCal::CleanNotDoneTask() {
-  Json::Value map;
-  if (LoadShareCalMap(map) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
+  MapPtr loaded;
+  if (LoadShareCalMap(loaded) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
+  const Json::Value& map = *loaded;
   for (const std::string& name : map.getMemberNames()) {
     if (!IsShareNameSafe(name)) continue;
     ShareTaskStatus status;

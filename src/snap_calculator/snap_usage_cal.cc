@@ -238,12 +238,17 @@ int SnapUsageCalculator::Stop(const std::string& id) {
 }
 
 bool SnapUsageCalculator::ReadWorker(TaskStatus& record, pid_t& pid, unsigned long long& started) {
+  Json::Value doc;
+  return record.GetJsonVal(doc) == TASK_STATUS_SUCCESS && ReadWorker(doc, pid, started);
+}
+
+bool SnapUsageCalculator::ReadWorker(const Json::Value& record, pid_t& pid, unsigned long long& started) {
   std::string pidText;
   std::string startText;
   uint64_t pidValue = 0;
   uint64_t startValue = 0;
-  if (record.GetStatusAttr(TASKSTATUS_ATTR_PID, pidText) != TASK_STATUS_SUCCESS ||
-      record.GetStatusAttr(TASKSTATUS_ATTR_PID_START, startText) != TASK_STATUS_SUCCESS ||
+  if (!TaskStatus::ReadAttr(record, TASKSTATUS_ATTR_PID, pidText) ||
+      !TaskStatus::ReadAttr(record, TASKSTATUS_ATTR_PID_START, startText) ||
       !vela::base::ParseCanonicalDecimal(pidText, pidValue) || pidValue == 0 || pidValue > INT32_MAX ||
       !vela::base::ParseCanonicalDecimal(startText, startValue)) {
     return false;

@@ -231,12 +231,19 @@ int TaskStatus::GetStatusAttr(TASKSTATUS_ATTR attr, std::string& value) {
   if (!LockFile(false)) VELA_LOG_TASK(LOG_ERR, "GetStatusAttr", taskID, "lock failed");
   const Json::Value doc = ReadDocument();
   UnlockFile();
-  if (doc.isMember(key) && ReadableValue(doc[key])) {
-    value = doc[key].asString();
-    return TASK_STATUS_SUCCESS;
-  }
+  if (ReadAttr(doc, attr, value)) return TASK_STATUS_SUCCESS;
   VELA_LOG_TASK(LOG_DEBUG, "GetStatusAttr", taskID, "Do not have member (%s)", key.c_str());
   return TASK_STATUS_FAIL;
+}
+
+bool TaskStatus::ReadAttr(const Json::Value& doc, TASKSTATUS_ATTR attr, std::string& value) {
+  const auto key = _task_status_attr_str.find(attr);
+  if (key == _task_status_attr_str.end() || !doc.isObject() || !doc.isMember(key->second) ||
+      !ReadableValue(doc[key->second])) {
+    return false;
+  }
+  value = doc[key->second].asString();
+  return true;
 }
 
 bool TaskStatus::CheckAttrExist(TASKSTATUS_ATTR attr) {

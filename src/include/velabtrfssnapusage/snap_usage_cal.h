@@ -66,6 +66,8 @@ class VELA_EXPORT SnapUsageCalculator {
   // The child recorded in a status record: its PID and start time. False
   // when the record does not name one.
   static bool ReadWorker(TaskStatus& record, pid_t& pid, unsigned long long& started);
+  // The same from a record's document.
+  static bool ReadWorker(const Json::Value& record, pid_t& pid, unsigned long long& started);
   // The child forked by Start, in the process that called it; -1 before.
   pid_t WorkerPid() const { return workerPid; }
   int GetTaskStatus(TASKSTATUS_ATTR attr, std::string& value);

@@ -84,6 +84,9 @@ class VELA_EXPORT TaskStatus {
   // into this record, as `how` says: TASK_STATUS_SUCCESS, _SKIPPED or _FAIL.
   int ImportDocument(const Json::Value& sourceDoc, StatusWrite how);
   int GetStatusAttr(TASKSTATUS_ATTR attr, std::string& value);
+  // One attribute of a record's document (GetJsonVal) as GetStatusAttr
+  // gives it, without reading the file again or logging; false when absent.
+  static bool ReadAttr(const Json::Value& doc, TASKSTATUS_ATTR attr, std::string& value);
   int GetStatusIntAttr(TASKSTATUS_ATTR attr, int& n);
   int GetStatusTimeAttr(TASKSTATUS_ATTR attr, long& t);
   int GetCalculatorStatus(CAL_TASK_STATUS& state);
