@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <memory>
 #include <cstring>
 #include <ctime>
 
@@ -83,6 +84,28 @@ std::vector<std::string> Lines(const std::string& text) {
     lines.push_back(text.substr(begin, end - begin));
   }
   return lines;
+}
+
+// A process of the web server's group (not root) that holds read locks on
+// `locks` until it is dropped; null when it could not take them.
+std::unique_ptr<ChildProcess> HoldReadLocks(const std::vector<std::string>& locks, gid_t group) {
+  int ready[2];
+  if (pipe(ready) != 0) return nullptr;
+  auto holder = std::make_unique<ChildProcess>([&] {
+    if (syscall(SYS_setresgid, group, group, group) != 0 || syscall(SYS_setresuid, 65534, 65534, 65534) != 0) _exit(1);
+    for (const std::string& lock : locks) {
+      const int fd = open(lock.c_str(), O_RDONLY);
+      struct flock shared = {};
+      shared.l_type = F_RDLCK;
+      if (fd < 0 || fcntl(fd, F_SETLK, &shared) != 0) _exit(2);
+    }
+    (void)!write(ready[1], "L", 1);
+    pause();
+  });
+  const bool held = WaitReadable(ready[0], 5000);
+  close(ready[0]);
+  close(ready[1]);
+  return held ? std::move(holder) : nullptr;
 }
 
 size_t FilesIn(const std::string& dir) {
@@ -354,21 +377,8 @@ TEST_F(Lifecycle, OnlyRootAndTheWebGroupCanHoldALockAndEveryWaitForOneIsBounded)
             }));
   // A member of the group that holds its lock for ever holds up a writer
   // for the bounded wait only.
-  int ready[2];
-  ASSERT_EQ(0, pipe(ready));
-  ChildProcess holder([&] {
-    if (syscall(SYS_setresgid, kWebGroup, kWebGroup, kWebGroup) != 0 ||
-        syscall(SYS_setresuid, kNobody, kNobody, kNobody) != 0) {
-      _exit(1);
-    }
-    const int fd = open(lock.c_str(), O_RDONLY);
-    struct flock shared = {};
-    shared.l_type = F_RDLCK;
-    if (fd < 0 || fcntl(fd, F_SETLK, &shared) != 0) _exit(2);
-    (void)!write(ready[1], "L", 1);
-    pause();
-  });
-  ASSERT_TRUE(WaitReadable(ready[0], 5000));
+  const auto holder = HoldReadLocks({lock}, kWebGroup);
+  ASSERT_NE(nullptr, holder);
   setenv("VELA_LOCK_WAIT_MS", "300", 1);
   const auto asked = std::chrono::steady_clock::now();
   EXPECT_EQ("error 1", Call("set_conf", R"({"reminder":false})"));
@@ -377,8 +387,6 @@ TEST_F(Lifecycle, OnlyRootAndTheWebGroupCanHoldALockAndEveryWaitForOneIsBounded)
   EXPECT_EQ(1u, FindSyslog(LOG_ERR, "Gave up waiting for the lock on file [" + lock + "] after 300 ms").size())
       << DumpSyslog();
   EXPECT_EQ("ok {\"reminder\":true}", Call("get_conf", R"({"additional":["reminder"]})")) << "readers share";
-  close(ready[0]);
-  close(ready[1]);
 
   // get_report runs with the web server's ids: the group is enough.
   ASSERT_EQ("ok null", Call("start", StartParams("share1", 1, 1)));
@@ -416,22 +424,8 @@ TEST_F(Lifecycle, ReadLocksHeldByTheWebGroupNeitherStallACalculationNorLoseItsOu
   ASSERT_GT(WaitForProcess("share1"), 0);
   const std::string statusLock = "/run/lock/velabtrfssnapusage/share_task_status/share1";
   const std::string creationLock = "/run/lock/velabtrfssnapusage/share_task/share1.lock";
-  int ready[2];
-  ASSERT_EQ(0, pipe(ready));
-  ChildProcess holder([&] {
-    if (syscall(SYS_setresgid, kWebGroup, kWebGroup, kWebGroup) != 0 || syscall(SYS_setresuid, 65534, 65534, 65534) != 0) {
-      _exit(1);
-    }
-    for (const std::string& lock : {statusLock, creationLock}) {
-      const int fd = open(lock.c_str(), O_RDONLY);
-      struct flock shared = {};
-      shared.l_type = F_RDLCK;
-      if (fd < 0 || fcntl(fd, F_SETLK, &shared) != 0) _exit(2);
-    }
-    (void)!write(ready[1], "L", 1);
-    pause();
-  });
-  ASSERT_TRUE(WaitReadable(ready[0], 5000));
+  auto holder = HoldReadLocks({statusLock, creationLock}, kWebGroup);
+  ASSERT_NE(nullptr, holder);
   // Progress is skipped while the share's lock is held; the outcome waits
   // its bounded while once, then is written all the same.
   EXPECT_EQ("done 0", WaitForEnd("share1"));
@@ -439,13 +433,10 @@ TEST_F(Lifecycle, ReadLocksHeldByTheWebGroupNeitherStallACalculationNorLoseItsOu
   EXPECT_EQ(3u, module_.Call("get_report", R"({"share_name":"share1"})").GetData()["snap_list"].size());
   EXPECT_EQ("error 1", Call("clean", R"({"share_name":"share1"})")) << "nothing could be cleaned";
   EXPECT_EQ("done 0", State("share1"));
-  kill(holder.Pid(), SIGKILL);
-  holder.Wait();
+  holder.reset();
   EXPECT_EQ("ok null", Call("clean", R"({"share_name":"share1"})"));
   EXPECT_EQ("- -", State("share1")) << "no record left";
   unsetenv("VELA_LOCK_WAIT_MS");
-  close(ready[0]);
-  close(ready[1]);
 }
 
 TEST_F(Lifecycle, CorruptNumbersAreLeftOutOfTheirShareAndDeepNestingReadsAsCorrupt) {
