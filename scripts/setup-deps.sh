@@ -26,6 +26,7 @@ packages=(
   curl                 # the host tests' HTTPS requests; the load benchmark's login
   openssl              # the host tests' throwaway TLS certificate
   wrk                  # bench/webapi-load.sh: load on the web API host
+  strace               # bench/module-scale.sh: what one request costs in system calls
   chromium             # the page test: headless Debian Chromium driven by playwright-core
   clang libclang-rt-dev  # fuzz targets: clang with libFuzzer and the sanitizer runtimes (scripts/fuzz.sh)
 )
