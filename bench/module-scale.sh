@@ -34,7 +34,7 @@ if [ -z "${VELA_SANDBOX:-}" ]; then
   if [ -z "${BASELINE:-}" ]; then
     commit=${BASELINE_COMMIT:-d8759fa}
     tree=$(mktemp -d /var/tmp/module-scale-baseline.XXXXXX)
-    trap 'git worktree remove --force "$tree" >/dev/null 2>&1 || true; rm -rf "$tree"' EXIT
+    trap 'git worktree remove --force "$tree/src" >/dev/null 2>&1 || true; rm -rf "$tree"' EXIT
     git worktree add --detach "$tree/src" "$commit" >/dev/null 2>&1
     echo "== building the baseline ($commit) in $tree"
     cmake -S "$tree/src" -B "$tree/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELA_BUILD_TESTS=OFF >/dev/null
@@ -44,7 +44,7 @@ if [ -z "${VELA_SANDBOX:-}" ]; then
   export BASELINE=$(realpath "$BASELINE")
   provider=$(grep -E '^VELA_BTRFS_TOOL:' "$build/CMakeCache.txt" | cut -d= -f2)
   work=$(mktemp -d /var/tmp/module-scale.XXXXXX)
-  trap 'rm -rf "$work"; git worktree remove --force "${tree:-/nonexistent}" >/dev/null 2>&1 || true; rm -rf "${tree:-}"' EXIT
+  trap 'rm -rf "$work"; [ -z "${tree:-}" ] || { git worktree remove --force "$tree/src" >/dev/null 2>&1; rm -rf "$tree"; }' EXIT
   # The size tool: a script that gives every root ID a figure, paced (a
   # progress line every quarter of a second for two minutes) while the flag
   # file exists. Its environment is fixed, so the flag is a file.
