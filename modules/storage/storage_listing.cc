@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "root_section.h"
+#include "vela/privileged_section.h"
 #include "vela/sz_list.h"
 #include "vela/vela_share.h"
 #include "vela/vela_volume.h"
@@ -18,6 +18,10 @@ namespace {
 constexpr int kErrorFailure = 1;
 constexpr int kErrorBadParameter = 3;
 constexpr int kErrorNotFound = 8;
+// The name this module's privileged sections log under. A listing runs as
+// root: it must see every share and snapshot, also those whose directories
+// are closed to the server's account.
+constexpr char kLogSource[] = "storage_listing";
 
 using SharePtr = std::unique_ptr<VELASHARE, decltype(&VELAShareFree)>;
 using SnapshotsPtr = std::unique_ptr<VELASNAPINFO, decltype(&VELAShareSnapInfoFree)>;
@@ -49,7 +53,7 @@ int Snapshots(VELASHARE* share, SnapshotsPtr& snapshots) {
 }  // namespace
 
 void StorageListing::ListVolumes(VELA::APIRequest*, VELA::APIResponse* response) {
-  RootSection root;
+  vela::platform::PrivilegedSection root(kLogSource);
   PVELAVOLUME raw = nullptr;
   const int count = VELAVolumeEnum(&raw);
   const VolumesPtr list(raw, &VELAVolumeEnumFree);
@@ -79,7 +83,7 @@ void StorageListing::ListVolumes(VELA::APIRequest*, VELA::APIResponse* response)
 }
 
 void StorageListing::ListShares(VELA::APIRequest*, VELA::APIResponse* response) {
-  RootSection root;
+  vela::platform::PrivilegedSection root(kLogSource);
   vela::platform::SzList names;
   if (!names.Ok() || VELAShareEnum(names.Address(), 0) < 0) {
     LogPlatformFailure("VELAShareEnum", "");
@@ -124,7 +128,7 @@ void StorageListing::ListSnapshots(VELA::APIRequest* request, VELA::APIResponse*
     response->SetError(kErrorBadParameter);
     return;
   }
-  RootSection root;
+  vela::platform::PrivilegedSection root(kLogSource);
   PVELASHARE raw = nullptr;
   SnapshotsPtr snapshots(nullptr, &VELAShareSnapInfoFree);
   const int count = VELAShareGet(name.c_str(), &raw) == 0 ? Snapshots(raw, snapshots) : -1;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -246,7 +247,31 @@ TEST_F(ShareMethods, CancelStopsARunningCalculationAndANewStartIsAccepted) {
   EXPECT_EQ("done 0", WaitForEnd("share1"));
 }
 
-TEST_F(ShareMethods, CleanAlwaysSucceedsAndLeavesSharesWithoutAnEntryAlone) {
+TEST_F(ShareMethods, AServerWorkersRequestSwitchesToRootOnceWhateverItReads) {
+  for (const char* share : {"share1", "share2"}) {
+    ASSERT_EQ("ok null", Call("start", StartParams(share, 1, 1)));
+    ASSERT_EQ("done 0", WaitForEnd(share));
+  }
+  ASSERT_EQ("ok null", Call("set_conf", R"({"reminder":false})"));
+  // As a web server's worker: effective ids not root, saved ids root. Every
+  // switch to root is logged: one section per request, three lines.
+  const std::string lines = RunForked([&] {
+    if (syscall(SYS_setresgid, -1, 1000, -1) != 0 || syscall(SYS_setresuid, -1, 1000, -1) != 0) return std::string("ids");
+    std::string out;
+    for (const auto& [method, params] : std::vector<std::pair<std::string, std::string>>{
+             {"status", R"({"additional":["processed_in_bytes","estimated_in_bytes","range_start","range_end"]})"},
+             {"get_report", R"({"share_name":"share1"})"},
+             {"get_conf", R"({"additional":["reminder","reminder"]})"}}) {
+      ClearSyslog();
+      const auto answer = module_.Call(method, params);
+      out += method + (answer.IsSuccess() ? " ok " : " failed ") + std::to_string(CapturedSyslog().size()) + "\n";
+    }
+    return out;
+  });
+  EXPECT_EQ("status ok 3\nget_report ok 0\nget_conf ok 3\n", lines) << DumpSyslog();
+}
+
+TEST_F(ShareMethods, CleanOfAShareWithoutAnEntryLeavesItAloneAndSucceeds) {
   MustRun({"mkdir", "-p", "/usr/local/velabtrfssnapusage/share_task_result/share2"});
   WriteFile("/usr/local/velabtrfssnapusage/share_task_result/share2/keep", "x");
   EXPECT_EQ("ok null", Call("clean", R"({"share_name":"share2"})"));

@@ -56,6 +56,10 @@ class VELA_EXPORT ShareSnapUsageCal {
   // running whose process is proven gone has ended ("fail"). 0, or 1 when
   // the share's status cannot be read.
   static int GetShareState(const std::string& shareName, CAL_TASK_STATUS& state);
+  // The share's status record as one document, and its state as
+  // GetShareState gives it. 0, or 1 when the record cannot be read or holds
+  // no valid state (`record` is then what could be read, maybe nothing).
+  static int GetShareRecord(const std::string& shareName, Json::Value& record, CAL_TASK_STATUS& state);
 
   // Whether the share may start a new calculation; `taskID` gets its
   // current task's ID. Called with the share's creation lock held: a
@@ -96,8 +100,10 @@ class VELA_EXPORT ShareSnapUsageCal {
   static int Stop(const std::string& shareName);
   // Stops the share's running calculation and waits for it to end, then
   // removes the task's files, the share's results, status record and map
-  // entry.
-  static void CleanAll(const std::string& shareName);
+  // entry. 0 when nothing of the share is left (also for a share without a
+  // map entry, which is not the module's to clean), 1 when something could
+  // not be removed or the share's lock was not granted.
+  static int CleanAll(const std::string& shareName);
   static int CleanAllSResult();
   // Cleans up every share recorded as still calculating.
   static int CleanNotDoneTask();
