@@ -26,10 +26,12 @@ struct flock WholeFile(short type) {
 
 int SetCommand(LockOwner owner) { return owner == LockOwner::kProcess ? F_SETLK : F_OFD_SETLK; }
 
-long long NowMs() {
+// Nanoseconds: a deadline kept in whole milliseconds could come up to one
+// millisecond before the promised wait is over.
+long long NowNs() {
   struct timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+  return static_cast<long long>(now.tv_sec) * 1000000000LL + now.tv_nsec;
 }
 
 }  // namespace
@@ -48,13 +50,13 @@ int WaitForRecordLock(int fd, bool exclusive, int limitMs, LockOwner owner) {
   // bounded by a signal, and a library must not take the process's alarm.
   // The pauses stay short: locks are held for one read or write, and a
   // waiter should not sleep long past their release.
-  const long long deadline = NowMs() + limitMs;
+  const long long deadline = NowNs() + static_cast<long long>(limitMs) * 1000000LL;
   long pauseUs = 200;
   for (;;) {
     struct flock record = WholeFile(exclusive ? F_WRLCK : F_RDLCK);
     if (fcntl(fd, SetCommand(owner), &record) == 0) return 0;
     if (errno != EAGAIN && errno != EACCES && errno != EINTR) return errno;
-    if (NowMs() >= deadline) return ETIMEDOUT;
+    if (NowNs() >= deadline) return ETIMEDOUT;
     usleep(static_cast<useconds_t>(pauseUs));
     pauseUs = std::min(pauseUs * 2, 10000L);
   }
