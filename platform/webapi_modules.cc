@@ -144,7 +144,10 @@ bool APIModules::LoadAt(int dirFd, const std::string& name, ModuleTrust trust, s
   // loaded: the loader knows modules by name, and a number used again
   // would name another module.
   const std::string byDescriptor = "/proc/self/fd/" + std::to_string(file.Get());
-  void* handle = dlopen(byDescriptor.c_str(), RTLD_NOW | RTLD_LOCAL);
+  // Never unloaded, as on a server that keeps its modules for its life: a
+  // module and the libraries it brings may keep process-wide state (caches,
+  // open state directories) whose code must outlive every request.
+  void* handle = dlopen(byDescriptor.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
   if (handle == nullptr) {
     const char* why = dlerror();
     error = why != nullptr ? why : "it does not load";
