@@ -20,6 +20,7 @@ run_suite() {
 
 echo "== normal build"
 run_suite build
+echo "== normal build done after ${SECONDS} s"
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:strict_string_checks=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
@@ -27,5 +28,7 @@ export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 # faults, and the build takes far less time.
 run_suite build-asan -DVELA_SANITIZE=ON -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1 -DNDEBUG" \
   -DCMAKE_C_FLAGS_RELWITHDEBINFO="-O1 -g1 -DNDEBUG"
+echo "== sanitizer build done after ${SECONDS} s"
 echo "== fuzz targets"
-./scripts/fuzz.sh 40
+./scripts/fuzz.sh 25
+echo "== all done after ${SECONDS} s"
