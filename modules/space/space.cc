@@ -152,6 +152,15 @@ int SnapshotRows(const std::string& shareName, const ShareCalculation& calculati
   return 0;
 }
 
+// Reads the share's calculation; false with the answer set when there is
+// nothing to answer from.
+bool ReadCalculation(const std::string& shareName, bool needDone, ShareCalculation& calculation,
+                     VELA::APIResponse* response) {
+  const int code = calculation.Read(shareName, needDone);
+  if (code != 0) response->SetError(code);
+  return code == 0;
+}
+
 Json::Value ProposalJson(const vela::space_map::Proposal& proposal) {
   Json::Value answer;
   Json::Value ids(Json::arrayValue);
@@ -173,11 +182,7 @@ void Space::Get(VELA::APIRequest* request, VELA::APIResponse* response) {
   }
   PrivilegedSection elevated(kLogSource);
   ShareCalculation calculation;
-  int code = calculation.Read(name, false);
-  if (code != 0) {
-    response->SetError(code);
-    return;
-  }
+  if (!ReadCalculation(name, false, calculation, response)) return;
   Json::Value data;
   data["share_name"] = name;
   data["status"] = StateName(calculation.State());
@@ -193,7 +198,8 @@ void Space::Get(VELA::APIRequest* request, VELA::APIResponse* response) {
     data["reason"] = reason;
   }
   Json::Value rows(Json::arrayValue);
-  if (calculation.Done() && (code = SnapshotRows(name, calculation, rows)) != 0) {
+  const int code = calculation.Done() ? SnapshotRows(name, calculation, rows) : 0;
+  if (code != 0) {
     response->SetError(code);
     return;
   }
@@ -214,11 +220,7 @@ void Space::Freed(VELA::APIRequest* request, VELA::APIResponse* response) {
   }
   PrivilegedSection elevated(kLogSource);
   ShareCalculation calculation;
-  const int code = calculation.Read(name, true);
-  if (code != 0) {
-    response->SetError(code);
-    return;
-  }
+  if (!ReadCalculation(name, true, calculation, response)) return;
   vela::space_map::Freed freed;
   std::string error;
   const vela::space_map::Status status = calculation.Map()->FreedBy(ids, kLargestFiles, &freed, &error);
@@ -261,11 +263,7 @@ void Space::Plan(VELA::APIRequest* request, VELA::APIResponse* response) {
   }
   PrivilegedSection elevated(kLogSource);
   ShareCalculation calculation;
-  const int code = calculation.Read(name, true);
-  if (code != 0) {
-    response->SetError(code);
-    return;
-  }
+  if (!ReadCalculation(name, true, calculation, response)) return;
   const vela::space_map::Plan plan = calculation.Map()->PlanFor(bytes, keepNewest);
   Json::Value data;
   data["bytes"] = static_cast<Json::UInt64>(bytes);
