@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <libgen.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -781,6 +782,35 @@ int ShareSnapUsageCal::GetResultVtr(TASK_RESULT_OPT opt, const std::string& name
 
 template VELA_EXPORT int ShareSnapUsageCal::GetResultVtr(TASK_RESULT_OPT, const std::string&,
                                                          std::vector<unsigned long long>&);
+
+int ShareSnapUsageCal::FindSpaceMap(const std::string& name, std::string& path) {
+  path.clear();
+  std::string taskID;
+  bool expired = false;
+  const int found = FindTaskID(name, taskID, expired);
+  if (found != SHARE_CAL_SUCCESS) return found;
+  if (!IsShareNameSafe(name)) return SHARE_CAL_INVALID_ARGUMENT;
+  // As the result vectors: the share's copy first, then the task's own.
+  for (const std::string& candidate : {FileNames::ShareSpaceMap(name, taskID), FileNames::TaskSpaceMap(taskID)}) {
+    std::string leaf;
+    const vela::base::UniqueFd dir = Utils::OpenContainingDirectory(candidate, false, leaf);
+    if (!dir.Valid()) {
+      if (errno == ENOENT) continue;
+      return SHARE_CAL_FAIL;  // a refused directory is logged where it is checked
+    }
+    // Whatever is there is the map's to judge; its reader follows no link.
+    struct stat st;
+    if (fstatat(dir.Get(), leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+      path = candidate;
+      return SHARE_CAL_SUCCESS;
+    }
+    if (errno != ENOENT) {
+      VELA_LOG(LOG_ERR, "Failed to look for the space map %s, errno: %s", candidate.c_str(), strerror(errno));
+      return SHARE_CAL_FAIL;
+    }
+  }
+  return SHARE_CAL_SUCCESS;
+}
 
 int ShareSnapUsageCal::GetShareSnapAccumUsageVtr(const std::string& name, std::vector<unsigned long long>& out) {
   std::vector<unsigned long long> usage;

@@ -115,9 +115,14 @@ TEST_F(CalculatorTest, ARunReportsProgressStoresResultsAndCleansUpAfterItsPostAc
 
   const std::string tool = BtrfsToolDouble::ToolPath();
   ASSERT_EQ(1u, tool_.Runs().size());
-  EXPECT_EQ((std::vector<std::string>{tool, "subvolume", "size", "-vpm", "-r", "/volume1", "257", "258"}),
+  // The space map is asked for beside the task's result vectors.
+  const std::string map = "/run/velabtrfssnapusage/task_result/" + calculator_.GetTaskID() + ".space_map";
+  EXPECT_EQ((std::vector<std::string>{tool, "subvolume", "size", "-vpm", "--space-map", map, "-r", "/volume1", "257",
+                                      "258"}),
             tool_.Runs()[0]);
-  EXPECT_EQ(1u, FindSyslog(LOG_DEBUG, "BTRFS CMD: " + tool + " subvolume size -vpm -r /volume1 257 258 ").size());
+  EXPECT_EQ(1u,
+            FindSyslog(LOG_DEBUG, "BTRFS CMD: " + tool + " subvolume size -vpm --space-map " + map + " -r /volume1 257 258 ")
+                .size());
 
   const auto progress = Lines(gProgressLog);
   ASSERT_EQ(6u, progress.size()) << ReadFile(gProgressLog);
@@ -185,7 +190,10 @@ TEST_F(CalculatorTest, FailuresEndAsFailWithTheirCodesAndOnlyAFailedPostActionKe
   EXPECT_EQ(1, RunToEnd(2, CopyResults));
   EXPECT_EQ("fail 1", State());
   EXPECT_EQ(1u, FindSyslog(LOG_ERR, "The btrfs tool gave no figure for 258, cmd(" + BtrfsToolDouble::ToolPath() +
-                                        " subvolume size -vpm -r /volume1 257 258 )").size()) << vela::test::DumpSyslog();
+                                        " subvolume size -vpm --space-map /run/velabtrfssnapusage/task_result/" +
+                                        calculator_.GetTaskID() + ".space_map -r /volume1 257 258 )")
+                    .size())
+      << vela::test::DumpSyslog();
   Vector bytes;
   EXPECT_EQ(1, TaskResult::GetResultVtr(TASK_RESULT_OPT_RESULT, calculator_.GetTaskID(), bytes));
 
@@ -208,7 +216,8 @@ TEST_F(CalculatorTest, ByPathRunsTheToolOverThePathsAndAToolFailureIsOnlyLogged)
   _tag_VELA_BTRFS_USAGE_CAL_TASK task = {1, RecordProgress, FailPostAction, 0};
   ASSERT_EQ(0, calculator_.Start(&task, paths.Address()));
   EXPECT_EQ(9, WaitForExit(-1, 20000));
-  EXPECT_EQ((std::vector<std::string>{BtrfsToolDouble::ToolPath(), "subvolume", "size", "-vpm",
+  EXPECT_EQ((std::vector<std::string>{BtrfsToolDouble::ToolPath(), "subvolume", "size", "-vpm", "--space-map",
+                                      "/run/velabtrfssnapusage/task_result/" + calculator_.GetTaskID() + ".space_map",
                                       "/volume1/@snapshots/s/GMT-2024.03.05-09.04.09"}),
             tool_.Runs().at(0));
   EXPECT_EQ("done 0", State());

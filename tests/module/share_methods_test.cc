@@ -76,7 +76,10 @@ TEST_F(ShareMethods, TheWholeRoadFromStartToClean) {
   // The tool saw exactly share1's snapshots, oldest first, by root ID.
   const auto runs = tool_.Runs();
   ASSERT_EQ(1u, runs.size());
-  EXPECT_EQ((std::vector<std::string>{BtrfsToolDouble::ToolPath(), "subvolume", "size", "-vpm", "-r", "/volume1",
+  ASSERT_EQ(11u, runs[0].size());
+  EXPECT_EQ(0u, runs[0][5].rfind("/run/velabtrfssnapusage/task_result/", 0)) << runs[0][5];
+  EXPECT_EQ((std::vector<std::string>{BtrfsToolDouble::ToolPath(), "subvolume", "size", "-vpm", "--space-map",
+                                      runs[0][5], "-r", "/volume1",
                                       std::to_string(ids.at(snaps + "s0")), std::to_string(ids.at(snaps + "s1")),
                                       std::to_string(ids.at(snaps + "s2"))}),
             runs[0]);
@@ -142,7 +145,7 @@ TEST_F(ShareMethods, RangesSelectSnapshotsWithEqualBoundsSelectingAll) {
   // Equal bounds mean no range: every snapshot.
   EXPECT_EQ("ok null", Call("start", StartParams("share1", 5, 5)));
   EXPECT_EQ("done 0", WaitForEnd("share1"));
-  EXPECT_EQ(9u, tool_.Runs().at(0).size());
+  EXPECT_EQ(11u, tool_.Runs().at(0).size());
   // One snapshot in range, which is by creation time; share2's snapshot of
   // the same second stays out.
   WaitForNextSecond();
@@ -154,7 +157,7 @@ TEST_F(ShareMethods, RangesSelectSnapshotsWithEqualBoundsSelectingAll) {
   EXPECT_EQ("ok null", Call("start", StartParams("share1", middle.time, middle.time + 1)));
   EXPECT_EQ("done 0", WaitForEnd("share1"));
   EXPECT_EQ(std::to_string(RootIds().at("@snapshots/share1/s3")), tool_.Runs().at(1).back());
-  EXPECT_EQ(7u, tool_.Runs().at(1).size());
+  EXPECT_EQ(9u, tool_.Runs().at(1).size());
   EXPECT_EQ("error 3", Call("start", R"({"share_name":"share1","range":{"range_start":"x","range_end":1}})"));
   EXPECT_EQ(2u, tool_.Runs().size());
 }

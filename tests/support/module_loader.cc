@@ -14,11 +14,16 @@ ModuleLoader::ModuleLoader(const std::string& path) {
 }
 
 VELA::APIResponse ModuleLoader::Call(const std::string& method, const std::string& paramsJson) const {
+  return CallApi("VELA.Snap.Usage.Share", method, paramsJson);
+}
+
+VELA::APIResponse ModuleLoader::CallApi(const std::string& api, const std::string& method,
+                                        const std::string& paramsJson) const {
   Json::Value params;
   std::string error;
   if (!vela::base::ParseJsonText(paramsJson, params, error)) throw std::runtime_error("bad test JSON: " + paramsJson);
   VELA_WEBAPI_HANDLER handler = nullptr;
-  if (modules_.Find("VELA.Snap.Usage.Share", 1, method, handler) != VELA::APIModules::Lookup::kFound) {
+  if (modules_.Find(api, 1, method, handler) != VELA::APIModules::Lookup::kFound) {
     throw std::runtime_error("no method " + method);
   }
   VELA::APIRequest request(params);

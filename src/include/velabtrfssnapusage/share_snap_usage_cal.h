@@ -92,6 +92,12 @@ class VELA_EXPORT ShareSnapUsageCal {
   static int GetResultVtr(TASK_RESULT_OPT opt, const std::string& shareName, std::vector<T>& out);
   // Element i: the bytes freed by deleting the first i + 1 snapshots.
   static int GetShareSnapAccumUsageVtr(const std::string& shareName, std::vector<unsigned long long>& out);
+  // Where the space map of the share's last calculation is: the share's
+  // copy once the run has finished, until then the task's own. 0 when the
+  // share has a calculation, with `path` empty while it has no map (not
+  // written yet, or not at all); 8 when it has none; 3 for a name that
+  // cannot be a share's; 1 when a state directory is refused.
+  static int FindSpaceMap(const std::string& shareName, std::string& path);
   // One snapshot name per ID, in the order of `ids`.
   static int FindSnapNameBySubvolID(const std::string& shareName, std::vector<unsigned long long>& ids,
                                     PVLIBSZLIST* ppListSnapName);
