@@ -9,7 +9,9 @@
 #include <algorithm>
 #include <climits>
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 #include <vector>
 
@@ -26,8 +28,14 @@ constexpr char kTlsPriorities[] =
     "-MAC-ALL:+AEAD:-KX-ALL:+ECDHE-ECDSA:+ECDHE-RSA";
 
 void LogLibraryMessage(void*, const char* format, va_list ap) {
-  // Each of the library's formats has its own budget in the host's log.
-  HostLogV(LOG_WARNING, format, ap);
+  // The library tells one event (a client gone mid-request) in several
+  // formats, each ending in a newline: all its messages share one budget
+  // in the host's log, and each is one line there.
+  char text[512];
+  vsnprintf(text, sizeof(text), format, ap);
+  size_t length = strlen(text);
+  while (length > 0 && (text[length - 1] == '\n' || text[length - 1] == '\r')) text[--length] = '\0';
+  HostLog(LOG_WARNING, "%s", text);
 }
 
 std::string Trim(const std::string& s) {
