@@ -5,7 +5,9 @@
 #include <memory>
 #include <string>
 
+#include "error_codes.h"
 #include "root_section.h"
+#include "snapshot_deletion.h"
 #include "vela/sz_list.h"
 #include "vela/vela_share.h"
 #include "vela/vela_volume.h"
@@ -14,10 +16,6 @@
 namespace VelaStorageWebAPI {
 
 namespace {
-
-constexpr int kErrorFailure = 1;
-constexpr int kErrorBadParameter = 3;
-constexpr int kErrorNotFound = 8;
 
 using SharePtr = std::unique_ptr<VELASHARE, decltype(&VELAShareFree)>;
 using SnapshotsPtr = std::unique_ptr<VELASNAPINFO, decltype(&VELAShareSnapInfoFree)>;
@@ -161,6 +159,7 @@ const VELA_WEBAPI_ENTRY gTable[] = {
     {"VELA.Storage.Volume", 1, "list", VelaStorageWebAPI::StorageListing::ListVolumes},
     {"VELA.Storage.Share", 1, "list", VelaStorageWebAPI::StorageListing::ListShares},
     {"VELA.Storage.Share.Snapshot", 1, "list", VelaStorageWebAPI::StorageListing::ListSnapshots},
+    {"VELA.Storage.Share.Snapshot", 1, "delete", VelaStorageWebAPI::SnapshotDeletion::Delete},
     {nullptr, 0, nullptr, nullptr},
 };
 
