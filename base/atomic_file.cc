@@ -6,6 +6,7 @@
 
 #include <cerrno>
 
+#include "base/directory.h"
 #include "base/file_name.h"
 #include "base/unique_fd.h"
 
@@ -13,10 +14,13 @@ namespace vela::base {
 
 namespace {
 
+// Whatever is found under the temporary name is a writer's that died, or
+// was put there: a file, a link, or a whole directory, it goes, so that
+// nothing there can block the file's writes for good.
 UniqueFd CreateTemporary(int dirFd, const std::string& temp) {
   constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
   UniqueFd fd(openat(dirFd, temp.c_str(), kFlags, 0600));
-  if (!fd.Valid() && errno == EEXIST && unlinkat(dirFd, temp.c_str(), 0) == 0) {
+  if (!fd.Valid() && errno == EEXIST && RemoveTreeAt(dirFd, temp)) {
     fd.Reset(openat(dirFd, temp.c_str(), kFlags, 0600));
   }
   return fd;

@@ -26,7 +26,8 @@ std::string TemporaryNameFor(const std::string& name);
 // Replaces `name` in directory `dirFd` with a file that `writeContent`
 // fills: written under the temporary name, given `attributes`, flushed to
 // the disk, renamed over `name`, and the directory flushed. Callers hold
-// the file's lock, so a temporary file found there is a dead writer's. On
+// the file's lock, so what is found under the temporary name is a dead
+// writer's (or was planted): it is removed, a directory with all it holds. On
 // failure (errno set) the old file is whole and no temporary file is left.
 bool AtomicReplace(int dirFd, const std::string& name, const FileAttributes& attributes,
                    const std::function<bool(int fd)>& writeContent);

@@ -1,10 +1,13 @@
 #include "base/directory.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <vector>
 
 namespace vela::base {
 
@@ -12,6 +15,33 @@ namespace {
 
 UniqueFd OpenNoFollow(int parentFd, const std::string& name) {
   return UniqueFd(openat(parentFd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+constexpr int kMaxRemovalDepth = 32;
+
+bool RemoveTreeAtDepth(int parentFd, const std::string& name, int depth) {
+  if (unlinkat(parentFd, name.c_str(), 0) == 0 || errno == ENOENT) return true;
+  if (errno != EISDIR) return false;
+  if (depth >= kMaxRemovalDepth) {
+    errno = ELOOP;
+    return false;
+  }
+  UniqueFd dir = OpenNoFollow(parentFd, name);
+  if (!dir.Valid()) return false;
+  DIR* listing = fdopendir(dir.Get());
+  if (listing == nullptr) return false;
+  const int dirFd = dir.Release();  // closedir() closes it
+  std::vector<std::string> entries;
+  while (const struct dirent* entry = readdir(listing)) {
+    const std::string entryName = entry->d_name;
+    if (entryName != "." && entryName != "..") entries.push_back(entryName);
+  }
+  bool removed = true;
+  for (size_t i = 0; i < entries.size() && removed; ++i) removed = RemoveTreeAtDepth(dirFd, entries[i], depth + 1);
+  const int saved = errno;
+  closedir(listing);
+  errno = saved;
+  return removed && (unlinkat(parentFd, name.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT);
 }
 
 UniqueFd Refuse(std::string& refusal, std::string why) {
@@ -56,5 +86,7 @@ UniqueFd OpenCheckedDirectoryAt(int parentFd, const std::string& name, bool crea
   }
   return dir;
 }
+
+bool RemoveTreeAt(int parentFd, const std::string& name) { return RemoveTreeAtDepth(parentFd, name, 0); }
 
 }  // namespace vela::base

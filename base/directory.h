@@ -28,6 +28,12 @@ struct DirectoryMode {
 UniqueFd OpenCheckedDirectoryAt(int parentFd, const std::string& name, bool create,
                                 const DirectoryMode& how, std::string& refusal);
 
+// Removes the entry `name` of `parentFd` and, when it is a directory,
+// everything in it, without following a symbolic link anywhere. A missing
+// entry is fine. False (errno set) when something stays; trees deeper than
+// 32 levels are left (ELOOP).
+bool RemoveTreeAt(int parentFd, const std::string& name);
+
 }  // namespace vela::base
 
 #endif  // VELABTRFSSNAPUSAGE_BASE_DIRECTORY_H_

@@ -20,9 +20,11 @@ struct flock WholeFile(short type) {
   record.l_whence = SEEK_SET;
   record.l_start = 0;
   record.l_len = 0;  // the whole file, however large it grows
-  record.l_pid = getpid();
+  record.l_pid = 0;  // only asked locks report one; an open file's lock must say 0
   return record;
 }
+
+int SetCommand(LockOwner owner) { return owner == LockOwner::kProcess ? F_SETLK : F_OFD_SETLK; }
 
 long long NowMs() {
   struct timespec now;
@@ -41,31 +43,34 @@ int LockWaitLimitMs() {
   return static_cast<int>(std::min<long>(value, kLockWaitLimitMs));
 }
 
-int WaitForRecordLock(int fd, bool exclusive, int limitMs) {
+int WaitForRecordLock(int fd, bool exclusive, int limitMs, LockOwner owner) {
   // Polled rather than waited for in F_SETLKW: a blocking wait can only be
   // bounded by a signal, and a library must not take the process's alarm.
+  // The pauses stay short: locks are held for one read or write, and a
+  // waiter should not sleep long past their release.
   const long long deadline = NowMs() + limitMs;
-  long pauseUs = 500;
+  long pauseUs = 200;
   for (;;) {
     struct flock record = WholeFile(exclusive ? F_WRLCK : F_RDLCK);
-    if (fcntl(fd, F_SETLK, &record) == 0) return 0;
+    if (fcntl(fd, SetCommand(owner), &record) == 0) return 0;
     if (errno != EAGAIN && errno != EACCES && errno != EINTR) return errno;
     if (NowMs() >= deadline) return ETIMEDOUT;
     usleep(static_cast<useconds_t>(pauseUs));
-    pauseUs = std::min(pauseUs * 2, 50000L);
+    pauseUs = std::min(pauseUs * 2, 10000L);
   }
 }
 
-int ReleaseRecordLock(int fd) {
+int ReleaseRecordLock(int fd, LockOwner owner) {
   struct flock record = WholeFile(F_UNLCK);
-  return fcntl(fd, F_SETLK, &record) == 0 ? 0 : errno;
+  return fcntl(fd, SetCommand(owner), &record) == 0 ? 0 : errno;
 }
 
-pid_t RecordLockHolder(int fd) {
+int RecordLockTaken(int fd) {
+  // Asked as an open file's lock, which conflicts with every lock but its
+  // own open's, of this process or another, of either kind.
   struct flock record = WholeFile(F_WRLCK);
-  record.l_pid = 0;
-  if (fcntl(fd, F_GETLK, &record) != 0) return -1;
-  return record.l_type == F_UNLCK ? 0 : record.l_pid;
+  if (fcntl(fd, F_OFD_GETLK, &record) != 0) return -1;
+  return record.l_type == F_UNLCK ? 0 : 1;
 }
 
 }  // namespace vela::base

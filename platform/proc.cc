@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -18,8 +19,6 @@
 
 #include "base/unique_fd.h"
 #include "vela/vlib_error.h"
-
-extern char** environ;
 
 namespace {
 
@@ -74,11 +73,15 @@ bool MoveAboveStdio(UniqueFd& fd) {
   return true;
 }
 
-// Closes every descriptor from `first` on, in a child after fork (nothing
-// here may allocate). The loop serves kernels without close_range().
-void CloseFrom(int first, long maxFd) {
-  if (close_range(static_cast<unsigned>(first), ~0U, 0) == 0) return;
-  for (long fd = first; fd < maxFd; ++fd) close(static_cast<int>(fd));
+constexpr unsigned kLastFd = ~0U;
+
+// Closes every descriptor from `first` to `last`, in a child after fork
+// (nothing here may allocate). The loop, up to `maxFd`, serves kernels
+// without close_range().
+void CloseRange(unsigned first, unsigned last, long maxFd) {
+  if (first > last) return;
+  if (close_range(first, last, 0) == 0) return;
+  for (long fd = first; fd <= static_cast<long>(last) && fd < maxFd; ++fd) close(static_cast<int>(fd));
 }
 
 long MaxFd() {
@@ -118,6 +121,7 @@ struct ChildPlan {
   int nullFd;        // /dev/null for standard input, or -1
   int errorFd;       // write end of the pipe reporting a failed exec
   long maxFd;
+  pid_t caller;      // the process starting the program
 };
 
 // The child between fork and exec: only async-signal-safe calls.
@@ -142,8 +146,17 @@ struct ChildPlan {
       error = errno;
     }
   }
+  // Nor does the caller's working directory concern the program (nor keep
+  // a file system busy while it runs).
+  if (error == 0 && chdir("/") != 0) error = errno;
+  // The program ends with its caller: nobody else reads what it prints or
+  // stops it, so a program left behind would only go on working for
+  // nothing (and a caller that died, or was killed, cannot end it). A
+  // caller gone before this is in place is found by the check after it.
+  if (error == 0 && prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) error = errno;
+  if (error == 0 && getppid() != plan.caller) _exit(127);
   if (error == 0) {
-    CloseFrom(4, plan.maxFd);
+    CloseRange(4, kLastFd, plan.maxFd);
     execve(plan.path, plan.argv, plan.envp);
     error = errno;
   }
@@ -152,16 +165,12 @@ struct ChildPlan {
   _exit(127);
 }
 
-// The caller's environment with LC_ALL=C, so that programs whose output is
-// parsed print it in one fixed language and format.
-std::vector<std::string> ChildEnvironment() {
-  std::vector<std::string> env;
-  for (char** e = environ; e != nullptr && *e != nullptr; ++e) {
-    if (strncmp(*e, "LC_ALL=", 7) != 0) env.emplace_back(*e);
-  }
-  env.emplace_back("LC_ALL=C");
-  return env;
-}
+// Programs get a fixed environment, not the caller's: a server's
+// environment is none of their business (nor anything it might have been
+// given to steer them), and output that is parsed comes in one fixed
+// language and format.
+constexpr const char* kChildEnvironment[] = {"PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+                                             "LC_ALL=C", nullptr};
 
 FILE* Popen(const char* path, const char* mode, char* const argv[]) {
   const std::string m = mode != nullptr ? mode : "";
@@ -172,11 +181,6 @@ FILE* Popen(const char* path, const char* mode, char* const argv[]) {
   }
   const bool reading = m[0] == 'r';
   const bool fullyBuffered = m.size() == 2;
-
-  std::vector<std::string> envStrings = ChildEnvironment();
-  std::vector<char*> envp;
-  for (std::string& s : envStrings) envp.push_back(s.data());
-  envp.push_back(nullptr);
 
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) {
@@ -197,8 +201,8 @@ FILE* Popen(const char* path, const char* mode, char* const argv[]) {
     VLIBCErrSet(VLIB_ERR_SYSTEM);
     return nullptr;
   }
-  const ChildPlan plan = {path,        argv,         envp.data(), theirs.Get(), reading ? 1 : 0,
-                          null.Get(), errorWrite.Get(), MaxFd()};
+  const ChildPlan plan = {path,       argv,         const_cast<char* const*>(kChildEnvironment), theirs.Get(),
+                          reading ? 1 : 0, null.Get(), errorWrite.Get(), MaxFd(),          getpid()};
 
   pid_t pid;
   {
@@ -302,7 +306,9 @@ int VLIBCPclose(FILE* fp) {
   return ExitCode(status);
 }
 
-pid_t VLIBCProcForkChildNoWait(void) {
+pid_t VLIBCProcForkChildNoWait(void) { return VLIBCProcForkChildNoWaitKeepFd(-1); }
+
+pid_t VLIBCProcForkChildNoWaitKeepFd(int keepFd) {
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) {
     VLIBCErrSet(VLIB_ERR_SYSTEM);
@@ -355,7 +361,12 @@ pid_t VLIBCProcForkChildNoWait(void) {
       // it, or its next message could go to, and its close could close,
       // whatever file the worker opens under the same number.
       closelog();
-      CloseFrom(3, maxFd);
+      if (keepFd >= 3) {
+        CloseRange(3, static_cast<unsigned>(keepFd) - 1, maxFd);
+        CloseRange(static_cast<unsigned>(keepFd) + 1, kLastFd, maxFd);
+      } else {
+        CloseRange(3, kLastFd, maxFd);
+      }
       return 0;
     }
   }

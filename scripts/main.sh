@@ -4,7 +4,8 @@
 # loopback btrfs volume at /volume1, a share "demo" with a handful of
 # snapshots whose contents change between them, starts a calculation over
 # their time range through the request runner, as the web server would,
-# polls its status until it ends, and prints the report. Last it starts
+# polls its status until it ends, and prints the report, then what deleting
+# any of the snapshots frees (vela-share space). Last it starts
 # the web API host (systemd's unit when systemd runs, else in the
 # background) and prints the address of the administrator's page and how
 # to log in there.
@@ -126,6 +127,15 @@ report=$(call get_report "{\"share_name\":\"$share\"}")
 } | column -t -s $'\t'
 echo
 echo "$report"
+
+# What deleting any of the snapshots frees, from the space map the same
+# calculation wrote: the table, then two snapshots that are not the oldest.
+echo
+echo "== space: vela-share space $share"
+vela-share space "$share"
+mapfile -t names < <(jq -r '.data.snap_list[].time' <<<"$report")
+echo "== space: vela-share space $share --if-deleted ${names[1]} ${names[2]}"
+vela-share space "$share" --if-deleted "${names[1]}" "${names[2]}"
 
 # The web API host and the administrator's page. `cmake --install` above
 # put the host, its modules, the page, the PAM service and the systemd unit

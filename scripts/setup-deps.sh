@@ -18,6 +18,7 @@ packages=(
   libxxhash-dev        # xxhash64 tree block checksums in the size provider
   libgcrypt20-dev      # sha256 and blake2b tree block checksums in the size provider
   libsqlite3-dev       # the space map's file (platform layer); the tests craft damaged maps with it
+  nettle-dev           # SHA-256 in the names of files named after names too long to be file names
   time                 # /usr/bin/time -v: the size provider's peak memory in bench/size-provider-bench.sh
   libmicrohttpd-dev    # HTTP server of vela-webapid (Debian builds it with GnuTLS: HTTPS)
   libgnutls28-dev      # vela-webapid: TLS through libmicrohttpd, SHA-256 of session IDs
@@ -27,6 +28,7 @@ packages=(
   curl                 # the host tests' HTTPS requests; the load benchmark's login
   openssl              # the host tests' throwaway TLS certificate
   wrk                  # bench/webapi-load.sh: load on the web API host
+  strace               # bench/module-scale.sh: what one request costs in system calls
   chromium             # the page test: headless Debian Chromium driven by playwright-core
   clang libclang-rt-dev  # fuzz targets: clang with libFuzzer and the sanitizer runtimes (scripts/fuzz.sh)
 )

@@ -4,16 +4,18 @@
 
 #include <syslog.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "base/numbers.h"
+#include "intl_utils/state_files.h"
+#include "vela/privileged_section.h"
 #include "vela/sz_list.h"
-#include "privileged_section.h"
 #include "vela/vlib_error.h"
 #include "velabtrfssnapusage/reminder.h"
 #include "velabtrfssnapusage/share_snap_usage_cal.h"
-#include "velabtrfssnapusage/share_task_status.h"
+#include "velabtrfssnapusage/task_status.h"
 #include "velabtrfssnapusage/time_string.h"
 #include "webapi_utils.h"
 
@@ -32,6 +34,7 @@ constexpr int kErrorShareBusy = 5002;
 
 using Request = VELA::APIRequest;
 using VelaBtrfsUsage::ShareSnapUsageCal;
+using vela::platform::PrivilegedSection;
 
 VELA::APIParameter<std::string> FetchShareName(const Request& request) {
   return request.GetAndCheckString("share_name", Request::PARAM_REQUIRED, Utils::IsNotEmpty);
@@ -57,19 +60,23 @@ bool ReadTime(const Json::Value& value, long& t) {
   return false;
 }
 
+// The attribute's text in a share's record, when it is there.
+bool Attr(const Json::Value& record, TASKSTATUS_ATTR attr, std::string& text) {
+  return VelaBtrfsUsage::TaskStatus::ReadAttr(record, attr, text);
+}
+
 // A byte count as stored, when it converts; a damaged one is left out of
 // the answer rather than failing it.
-bool ReadBytes(VelaBtrfsUsage::TaskStatus& status, TASKSTATUS_ATTR attr, uint64_t& bytes) {
+bool ReadBytes(const Json::Value& record, TASKSTATUS_ATTR attr, uint64_t& bytes) {
   std::string text;
-  return status.GetStatusAttr(attr, text) == 0 && vela::base::ParseUnsignedAnyBase(text, bytes);
+  return Attr(record, attr, text) && vela::base::ParseUnsignedAnyBase(text, bytes);
 }
 
 // The attribute as seconds, when it can be read; false (and a failure
 // answer) when it exists but does not convert.
-bool AddTime(VelaBtrfsUsage::ShareTaskStatus& status, TASKSTATUS_ATTR attr, const char* key,
-             Json::Value& report) {
+bool AddTime(const Json::Value& record, TASKSTATUS_ATTR attr, const char* key, Json::Value& report) {
   std::string text;
-  if (status.GetStatusAttr(attr, text) != 0) return true;
+  if (!Attr(record, attr, text)) return true;
   long t = 0;
   if (!VelaBtrfsUsage::Utils::TimeStringToTime_T(text, t)) return false;
   report[key] = static_cast<Json::Int64>(t);
@@ -78,28 +85,25 @@ bool AddTime(VelaBtrfsUsage::ShareTaskStatus& status, TASKSTATUS_ATTR attr, cons
 
 // The report of one share: 0 with the answer set, or the code to answer.
 int BuildReport(const std::string& name, PVLIBSZLIST* names, VELA::APIResponse* response) {
-  VelaBtrfsUsage::ShareTaskStatus status;
-  if (!status.Init(name, false)) return kErrorFailure;
+  Json::Value record;
+  CAL_TASK_STATUS state;
+  const bool stateKnown = ShareSnapUsageCal::GetShareRecord(name, record, state) == 0;
   Json::Value report;
   std::string text;
-  if (status.GetStatusAttr(TASKSTATUS_ATTR_STATUS, text) == 0) {
+  if (Attr(record, TASKSTATUS_ATTR_STATUS, text)) {
     // A calculation whose process is gone has ended, whatever it recorded.
-    CAL_TASK_STATUS state;
-    if ((text == "ready" || text == "process") && ShareSnapUsageCal::GetShareState(name, state) == 0 &&
-        state == CAL_TASK_STATUS_FAIL) {
-      text = "fail";
-    }
+    if ((text == "ready" || text == "process") && stateKnown && state == CAL_TASK_STATUS_FAIL) text = "fail";
     report["status"] = text;
   }
-  if (!AddTime(status, TASKSTATUS_ATTR_START_TIME, "start_task", report) ||
-      !AddTime(status, TASKSTATUS_ATTR_END_TIME, "end_task", report) ||
-      !AddTime(status, TASKSTATUS_ATTR_RANGE_START, "range_start", report) ||
-      !AddTime(status, TASKSTATUS_ATTR_RANGE_END, "range_end", report)) {
+  if (!AddTime(record, TASKSTATUS_ATTR_START_TIME, "start_task", report) ||
+      !AddTime(record, TASKSTATUS_ATTR_END_TIME, "end_task", report) ||
+      !AddTime(record, TASKSTATUS_ATTR_RANGE_START, "range_start", report) ||
+      !AddTime(record, TASKSTATUS_ATTR_RANGE_END, "range_end", report)) {
     return kErrorFailure;
   }
   uint64_t bytes = 0;
-  if (ReadBytes(status, TASKSTATUS_ATTR_PROCESSED_IN_BYTES, bytes)) report["processed_in_bytes"] = Json::UInt64(bytes);
-  if (ReadBytes(status, TASKSTATUS_ATTR_ESTIMATED_IN_BYTES, bytes)) report["estimated_in_bytes"] = Json::UInt64(bytes);
+  if (ReadBytes(record, TASKSTATUS_ATTR_PROCESSED_IN_BYTES, bytes)) report["processed_in_bytes"] = Json::UInt64(bytes);
+  if (ReadBytes(record, TASKSTATUS_ATTR_ESTIMATED_IN_BYTES, bytes)) report["estimated_in_bytes"] = Json::UInt64(bytes);
   std::vector<unsigned long long> usage;
   std::vector<unsigned long long> ids;
   int code = ShareSnapUsageCal::GetShareSnapAccumUsageVtr(name, usage);
@@ -140,18 +144,12 @@ void Share::Start(VELA::APIRequest* request, VELA::APIResponse* response) {
   }
   int result = 0;
   {
+    PrivilegedSection elevated(kLogSource);
     // A start that cannot run is refused before anything is created: the
     // share stays free and its last report readable.
-    PrivilegedSection elevated;
     result = ShareSnapUsageCal::CheckLaunch(shareName.Get(), &start, &end);
-  }
-  if (result == 0) {
-    PrivilegedSection elevated;
-    result = manager.CreateTask(shareName.Get());
-  }
-  if (result == 0) {
-    PrivilegedSection elevated;
-    result = manager.Launch(&start, &end);
+    if (result == 0) result = manager.CreateTask(shareName.Get());
+    if (result == 0) result = manager.Launch(&start, &end);
   }
   if (result == 0) {
     response->SetSuccess(Json::Value());
@@ -169,7 +167,6 @@ void Share::Start(VELA::APIRequest* request, VELA::APIResponse* response) {
 void Share::Status(VELA::APIRequest* request, VELA::APIResponse* response) {
   // "additional" is never tested: absent, it simply asks for nothing more.
   const auto additional = request->GetAndCheckArray("additional", Request::PARAM_REQUIRED, nullptr);
-  VelaBtrfsUsage::ShareTaskStatus status;
   vela::platform::SzList shares;
   if (!shares.Ok()) {
     syslog(LOG_ERR, "%s:%d VLIBCSzListAlloc failed. [0x%04X %s:%d]", kLogSource, __LINE__, VLIBCErrGet(),
@@ -177,31 +174,21 @@ void Share::Status(VELA::APIRequest* request, VELA::APIResponse* response) {
     response->SetError(kErrorFailure, Json::Value());
     return;
   }
-  BOOL listed = FALSE;
-  {
-    PrivilegedSection elevated;
-    listed = ShareSnapUsageCal::GetShareTaskList(shares.Address());
-  }
-  if (!listed) {
+  // One privileged section for the whole request, not one per file read:
+  // every switch is logged, and a hundred shares made hundreds of lines.
+  PrivilegedSection elevated(kLogSource);
+  const VelaBtrfsUsage::Utils::StateDirectoryReuse oneLookUp;
+  if (!ShareSnapUsageCal::GetShareTaskList(shares.Address())) {
     response->SetError(kErrorFailure, Json::Value());
     return;
   }
   Json::Value shareList(Json::arrayValue);
   for (int i = 0; i < shares.Count(); ++i) {
     const std::string name = shares.At(i);
-    Json::Value element;
+    Json::Value record;
     CAL_TASK_STATUS state;
-    int got = 0;
-    {
-      PrivilegedSection elevated;
-      status.Init(name, false);
-    }
-    {
-      // A calculation whose process is gone reads as ended ("fail").
-      PrivilegedSection elevated;
-      got = ShareSnapUsageCal::GetShareState(name, state);
-    }
-    if (got != 0) {
+    // A calculation whose process is gone reads as ended ("fail").
+    if (ShareSnapUsageCal::GetShareRecord(name, record, state) != 0) {
       syslog(LOG_DEBUG, "%s:%d Failed to get calculator status for share [%s]", kLogSource, __LINE__,
              name.c_str());
       continue;
@@ -209,14 +196,11 @@ void Share::Status(VELA::APIRequest* request, VELA::APIResponse* response) {
     // Only running and finished calculations are shown.
     if (state != CAL_TASK_STATUS_PROCESS && state != CAL_TASK_STATUS_DONE) continue;
     std::string stateText;
-    {
-      PrivilegedSection elevated;
-      got = status.GetStatusAttr(TASKSTATUS_ATTR_STATUS, stateText);
-    }
-    if (got != 0) {
+    if (!Attr(record, TASKSTATUS_ATTR_STATUS, stateText)) {
       response->SetSuccess(Json::Value());  // the request ends with nothing in it
       return;
     }
+    Json::Value element;
     element["share_name"] = name;
     element["status"] = stateText;
     bool haveProcessed = false;
@@ -225,16 +209,11 @@ void Share::Status(VELA::APIRequest* request, VELA::APIResponse* response) {
     uint64_t estimated = 0;
     for (const Json::Value& wanted : additional.Get()) {
       TASKSTATUS_ATTR attr;
-      if (!wanted.isString() ||
-          VelaBtrfsUsage::TaskStatus::CnvAttrsStrToEnumIdx(wanted.asString(), attr) != 0) {
+      std::string text;
+      if (!wanted.isString() || VelaBtrfsUsage::TaskStatus::CnvAttrsStrToEnumIdx(wanted.asString(), attr) != 0 ||
+          !Attr(record, attr, text)) {
         continue;
       }
-      std::string text;
-      {
-        PrivilegedSection elevated;
-        got = status.GetStatusAttr(attr, text);
-      }
-      if (got != 0) continue;
       switch (attr) {
         // A byte count that does not convert is left out of this share's
         // answer; the other shares are answered as usual.
@@ -292,6 +271,7 @@ void Share::GetReport(VELA::APIRequest* request, VELA::APIResponse* response) {
     return;
   }
   // Runs with the ids the server gave the request: no privileged section.
+  const VelaBtrfsUsage::Utils::StateDirectoryReuse oneLookUp;
   const int code = BuildReport(name, names.Address(), response);
   if (code != 0) response->SetError(code, Json::Value());
 }
@@ -304,7 +284,7 @@ void Share::Cancel(VELA::APIRequest* request, VELA::APIResponse* response) {
   }
   int result = 0;
   {
-    PrivilegedSection elevated;
+    PrivilegedSection elevated(kLogSource);
     result = ShareSnapUsageCal::Stop(shareName.Get());
   }
   if (result == 0) {
@@ -320,26 +300,30 @@ void Share::Clean(VELA::APIRequest* request, VELA::APIResponse* response) {
     response->SetError(kErrorBadParameter, Json::Value());
     return;
   }
+  int result = 0;
   {
-    PrivilegedSection elevated;
-    ShareSnapUsageCal::CleanAll(shareName.Get());
+    PrivilegedSection elevated(kLogSource);
+    result = ShareSnapUsageCal::CleanAll(shareName.Get());
   }
-  // A clean-up is answered as done whatever it met on the way.
-  response->SetSuccess(Json::Value());
+  // A clean-up that left something behind says so: the caller must not
+  // believe the share's calculation gone when it is not.
+  if (result == 0) {
+    response->SetSuccess(Json::Value());
+  } else {
+    response->SetError(kErrorFailure, Json::Value());
+  }
 }
 
 void Share::GetConf(VELA::APIRequest* request, VELA::APIResponse* response) {
   // Never tested: an absent or mistyped "additional" iterates as empty.
   const auto additional = request->GetAndCheckArray("additional", Request::PARAM_REQUIRED, nullptr);
   Json::Value result;  // null until the first recognised name
+  std::optional<PrivilegedSection> elevated;  // entered once, for the first name that needs it
   for (const Json::Value& name : additional.Get()) {
     if (!name.isString() || name.asString() != "reminder") continue;
     bool reminder = false;
-    bool found = false;
-    {
-      PrivilegedSection elevated;
-      found = VelaBtrfsUsage::Utils::ReminderStatusGet(reminder);
-    }
+    if (!elevated) elevated.emplace(kLogSource);
+    const bool found = VelaBtrfsUsage::Utils::ReminderStatusGet(reminder);
     // No readable stored value means the default: remind.
     result["reminder"] = found ? reminder : true;
   }
@@ -354,7 +338,7 @@ void Share::SetConf(VELA::APIRequest* request, VELA::APIResponse* response) {
   }
   bool written = false;
   {
-    PrivilegedSection elevated;
+    PrivilegedSection elevated(kLogSource);
     written = VelaBtrfsUsage::Utils::ReminderStatusSet(reminder.Get());
   }
   if (written) {

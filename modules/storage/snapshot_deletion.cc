@@ -8,7 +8,7 @@
 #include <string>
 
 #include "error_codes.h"
-#include "root_section.h"
+#include "vela/privileged_section.h"
 #include "vela/vela_share.h"
 #include "vela/vlib_error.h"
 
@@ -19,6 +19,9 @@ namespace {
 // One request deletes at most so many: more than any share's page holds,
 // and a bound on how long one request may take.
 constexpr Json::ArrayIndex kMaxNames = 1000;
+// The name this method's privileged section logs under: deleting a
+// snapshot needs root.
+constexpr char kLogSource[] = "snapshot_deletion";
 
 using SharePtr = std::unique_ptr<VELASHARE, decltype(&VELAShareFree)>;
 using SnapshotsPtr = std::unique_ptr<VELASNAPINFO, decltype(&VELAShareSnapInfoFree)>;
@@ -116,7 +119,7 @@ void SnapshotDeletion::Delete(VELA::APIRequest* request, VELA::APIResponse* resp
     return;
   }
   const std::string user = request->GetLoginUser().empty() ? "an unnamed user" : request->GetLoginUser();
-  RootSection root;
+  vela::platform::PrivilegedSection root(kLogSource);
   PVELASHARE raw = nullptr;
   SnapshotsPtr listed(nullptr, &VELAShareSnapInfoFree);
   int count = -1;

@@ -6,8 +6,8 @@
 #include <string>
 
 #include "error_codes.h"
-#include "root_section.h"
 #include "snapshot_deletion.h"
+#include "vela/privileged_section.h"
 #include "vela/sz_list.h"
 #include "vela/vela_share.h"
 #include "vela/vela_volume.h"
@@ -16,6 +16,11 @@
 namespace VelaStorageWebAPI {
 
 namespace {
+
+// The name this module's privileged sections log under. A listing runs as
+// root: it must see every share and snapshot, also those whose directories
+// are closed to the server's account.
+constexpr char kLogSource[] = "storage_listing";
 
 using SharePtr = std::unique_ptr<VELASHARE, decltype(&VELAShareFree)>;
 using SnapshotsPtr = std::unique_ptr<VELASNAPINFO, decltype(&VELAShareSnapInfoFree)>;
@@ -47,7 +52,7 @@ int Snapshots(VELASHARE* share, SnapshotsPtr& snapshots) {
 }  // namespace
 
 void StorageListing::ListVolumes(VELA::APIRequest*, VELA::APIResponse* response) {
-  RootSection root;
+  vela::platform::PrivilegedSection root(kLogSource);
   PVELAVOLUME raw = nullptr;
   const int count = VELAVolumeEnum(&raw);
   const VolumesPtr list(raw, &VELAVolumeEnumFree);
@@ -77,7 +82,7 @@ void StorageListing::ListVolumes(VELA::APIRequest*, VELA::APIResponse* response)
 }
 
 void StorageListing::ListShares(VELA::APIRequest*, VELA::APIResponse* response) {
-  RootSection root;
+  vela::platform::PrivilegedSection root(kLogSource);
   vela::platform::SzList names;
   if (!names.Ok() || VELAShareEnum(names.Address(), 0) < 0) {
     LogPlatformFailure("VELAShareEnum", "");
@@ -122,7 +127,7 @@ void StorageListing::ListSnapshots(VELA::APIRequest* request, VELA::APIResponse*
     response->SetError(kErrorBadParameter);
     return;
   }
-  RootSection root;
+  vela::platform::PrivilegedSection root(kLogSource);
   PVELASHARE raw = nullptr;
   SnapshotsPtr snapshots(nullptr, &VELAShareSnapInfoFree);
   const int count = VELAShareGet(name.c_str(), &raw) == 0 ? Snapshots(raw, snapshots) : -1;

@@ -114,13 +114,23 @@ int BtrfsTool::CmdExc(_tag_VELA_BTRFS_USAGE_CAL_TASK* task, std::string taskID, 
   SignalHandler::Install();
 
   const int items = (*ppListParam)->nItem;
-  std::vector<char*> argv(static_cast<size_t>(items) + 10, nullptr);
+  std::vector<char*> argv(static_cast<size_t>(items) + 12, nullptr);
   char volumePath[1024] = {};
+  // The same run writes the space map beside the task's result vectors; a
+  // tool that cannot write it says so and still gives every figure, so the
+  // calculation is not lost for want of the map. The tool follows the path
+  // it is given: the directory is checked (and made) here first, and a
+  // refused one gets no map (nor, later, the results).
+  std::string spaceMap = FileNames::TaskSpaceMap(taskID);
   int next = 0;
   argv[next++] = const_cast<char*>(kBtrfsTool);
   argv[next++] = const_cast<char*>("subvolume");
   argv[next++] = const_cast<char*>("size");
   argv[next++] = const_cast<char*>("-vpm");
+  if (TaskResult::InitWorkingDir()) {
+    argv[next++] = const_cast<char*>("--space-map");
+    argv[next++] = spaceMap.data();
+  }
   if (task->option == VELA_BTRFS_USAGE_CAL_BY_SUBVOL_ID) {
     if (VELAVolumePathGet(task->volume, volumePath, sizeof(volumePath)) != 0) {
       VELA_LOG(LOG_ERR, "Invalid volume of calculator: %d", task->volume);

@@ -74,6 +74,14 @@ inline std::string TaskResultLockBase(const std::string& taskID) {
 inline const char* TaskResultSuffix(int opt) {
   return opt == 1 ? ".result" : opt == 2 ? ".subvol_id" : nullptr;
 }
+// The calculation's space map (what deleting any set of its snapshots
+// frees), written by the size tool beside the task's result vectors and
+// named after the task like them, so that it is copied, kept and removed
+// with them.
+#define VELA_SPACE_MAP_SUFFIX ".space_map"
+inline std::string TaskSpaceMap(const std::string& taskID) {
+  return TaskResultBase(taskID) + VELA_SPACE_MAP_SUFFIX;
+}
 // Serialises the creation and launch of a share's calculations, and its
 // clean-up. A share name of up to 255 bytes with ".lock" after it does not
 // fit in a directory entry; such names are shortened to a prefix and a
@@ -82,6 +90,9 @@ std::string ShareTaskLock(const std::string& shareName);
 // The share's persistent copy of its last results.
 inline std::string ShareResultDir(const std::string& shareName) {
   return VELA_SHARE_TASK_RESULT_DIR "/" + shareName;
+}
+inline std::string ShareSpaceMap(const std::string& shareName, const std::string& taskID) {
+  return ShareResultDir(shareName) + "/" + taskID + VELA_SPACE_MAP_SUFFIX;
 }
 
 }  // namespace VelaBtrfsUsage::FileNames

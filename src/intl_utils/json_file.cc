@@ -26,12 +26,20 @@ constexpr size_t kMaxJsonFileBytes = 16u << 20;
 }  // namespace
 
 bool GeneralFileLock(const std::string& lockPath, bool exclusive, int& fd) {
+  return GeneralFileLock(lockPath, exclusive, fd, LockWait::kBounded);
+}
+
+bool GeneralFileLock(const std::string& lockPath, bool exclusive, int& fd, LockWait wait,
+                     vela::base::LockOwner owner) {
   fd = -1;
   // A reader never creates a lock file: a missing one means no writer has
-  // written yet, and readers see whole files anyway (writers rename).
-  vela::base::UniqueFd file = OpenLockFile(lockPath, exclusive, VELA_LOCK_FILE_MODE, WebServerGroupId());
+  // written yet, and readers see whole files anyway (writers rename). For
+  // the same reason a reader that may not open the lock file (a server
+  // running under another group than the one the file was made for) reads
+  // without it.
+  vela::base::UniqueFd file = OpenLockFile(lockPath, exclusive);
   if (!file.Valid()) {
-    if (!exclusive && errno == ENOENT) return true;
+    if (!exclusive && (errno == ENOENT || errno == EACCES)) return true;
     if (exclusive) {
       VELA_LOG(LOG_ERR, "Failed to open file [%s], errmsg(%s)", lockPath.c_str(), strerror(errno));
     } else {
@@ -40,9 +48,13 @@ bool GeneralFileLock(const std::string& lockPath, bool exclusive, int& fd) {
     return false;
   }
   fd = file.Release();
-  const int limitMs = vela::base::LockWaitLimitMs();
-  const int error = vela::base::WaitForRecordLock(fd, exclusive, limitMs);
+  const int limitMs = wait == LockWait::kBounded ? vela::base::LockWaitLimitMs() : 0;
+  const int error = vela::base::WaitForRecordLock(fd, exclusive, limitMs, owner);
   if (error == 0) return true;
+  if (error == ETIMEDOUT && wait == LockWait::kTryOnce) {
+    errno = EAGAIN;
+    return false;
+  }
   if (error == ETIMEDOUT) {
     VELA_LOG(LOG_ERR, "Gave up waiting for the lock on file [%s] after %d ms", lockPath.c_str(), limitMs);
   } else if (error == EAGAIN || error == EACCES) {

@@ -37,17 +37,15 @@ UniqueFd OpenProcessIfSame(pid_t pid, unsigned long long ticks) {
     return UniqueFd();
   }
   UniqueFd pidfd(pidfd_open(pid, 0));
-  unsigned long long started = 0;
-  if (pidfd.Valid() && (!ProcessStartTicks(pid, started) || started != ticks)) {
+  if (pidfd.Valid() && !ProcessIsAlive(pid, ticks)) {
     pidfd.Reset();
     errno = ESRCH;
   }
   return pidfd;
 }
 
-}  // namespace
-
-bool ProcessStartTicks(pid_t pid, unsigned long long& ticks) {
+// The state letter (field 3 of /proc/PID/stat) and start time (field 22).
+bool ReadProcessStat(pid_t pid, char& state, unsigned long long& ticks) {
   if (pid <= 0) return false;
   char path[64];
   snprintf(path, sizeof(path), "/proc/%d/stat", static_cast<int>(pid));
@@ -55,9 +53,10 @@ bool ProcessStartTicks(pid_t pid, unsigned long long& ticks) {
   std::string stat;
   if (!fd.Valid() || !vela::base::ReadToEnd(fd.Get(), 4096, stat)) return false;
   // The command name (field 2) is in parentheses and may hold anything, so
-  // fields are counted from the last ")": the start time is field 22.
+  // fields are counted from the last ")".
   const auto close = stat.rfind(')');
-  if (close == std::string::npos) return false;
+  if (close == std::string::npos || close + 2 >= stat.size()) return false;
+  state = stat[close + 2];
   const char* p = stat.c_str() + close + 1;
   for (int field = 3; field < 22; ++field) {
     p = strchr(p + 1, ' ');
@@ -66,9 +65,19 @@ bool ProcessStartTicks(pid_t pid, unsigned long long& ticks) {
   return sscanf(p, " %llu", &ticks) == 1;
 }
 
+}  // namespace
+
+bool ProcessStartTicks(pid_t pid, unsigned long long& ticks) {
+  char state = 0;
+  return ReadProcessStat(pid, state, ticks);
+}
+
 bool ProcessIsAlive(pid_t pid, unsigned long long ticks) {
+  char state = 0;
   unsigned long long started = 0;
-  return ProcessStartTicks(pid, started) && started == ticks;
+  // A zombie has ended: it keeps its PID and start time only until its
+  // parent (or whoever adopted it) reaps it, and nothing it ran goes on.
+  return ReadProcessStat(pid, state, started) && started == ticks && state != 'Z' && state != 'X';
 }
 
 int SignalProcessIfSame(pid_t pid, unsigned long long ticks, int signal) {

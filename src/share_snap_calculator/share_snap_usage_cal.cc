@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <libgen.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,6 +15,7 @@
 #include "base/numbers.h"
 #include "base/record_lock.h"
 #include "vela/sz_list.h"
+#include "intl_utils/cached_json_file.h"
 #include "intl_utils/file_names.h"
 #include "intl_utils/log.h"
 #include "intl_utils/state_files.h"
@@ -46,16 +48,21 @@ constexpr int kWorkerStartWaitMs = 30 * 1000;
 constexpr int kWorkerStopWaitMs = 10 * 1000;
 constexpr int kWorkerKillWaitMs = 2 * 1000;
 
+using MapPtr = std::shared_ptr<const Json::Value>;
+
 // The map as read from the file. Anything but an object (a missing or
-// corrupt file) is an empty map.
-Json::Value ReadMap() {
-  Json::Value map = Utils::GetJsonAttrByPath(kMapFile);
-  return map.isObject() ? map : Json::Value(Json::objectValue);
+// corrupt file) is an empty map. Parsed once per change of the file: with
+// many shares and snapshots it is the biggest state file by far, read by
+// every request.
+MapPtr ReadMap() {
+  static Utils::CachedJsonFile file(kMapFile);
+  MapPtr map = file.Get();
+  return map->isObject() ? map : std::make_shared<const Json::Value>(Json::objectValue);
 }
 
 // The map read under its shared lock. 0, or 1 when the lock fails (`map`
 // is then left untouched).
-int LoadShareCalMap(Json::Value& map) {
+int LoadShareCalMap(MapPtr& map) {
   int fd = -1;
   const bool locked = Utils::GeneralFileLock(kMapLock, false, fd);
   if (!locked) {
@@ -110,7 +117,7 @@ int UpdateEntry(const std::string& shareName, Change change) {
     VELA_LOG(LOG_ERR, "Failed to lock the file, path: %s, exclusive: %d", kMapLock, 1);
     return SHARE_CAL_FAIL;
   }
-  Json::Value map = ReadMap();
+  Json::Value map = *ReadMap();
   change(WritableEntry(map, shareName));
   return Utils::SetJsonAttrByPath(kMapFile, map) ? SHARE_CAL_SUCCESS : SHARE_CAL_FAIL;
 }
@@ -154,7 +161,7 @@ int RemoveShareFromCalMap(const std::string& shareName) {
     VELA_LOG(LOG_ERR, "Failed to lock the file, path: %s, exclusive: %d", kMapLock, 1);
     return SHARE_CAL_FAIL;
   }
-  Json::Value map = ReadMap();
+  Json::Value map = *ReadMap();
   if (!map.isMember(shareName)) return SHARE_CAL_SUCCESS;
   map.removeMember(shareName);
   return Utils::SetJsonAttrByPath(kMapFile, map) ? SHARE_CAL_SUCCESS : SHARE_CAL_FAIL;
@@ -179,31 +186,41 @@ void BuildSnapTimeFilter(Json::Value& filter, long start, long end) {
   filter["time"].append(std::string("<=") + endName);
 }
 
-// Whether `t` can be written as a status time string and read back as the
-// same time: a bound outside that cannot be recorded or filtered on.
+// Whether `t` can be written as a status time string and as a snapshot
+// name, and both read back as the same time: a bound outside that (before
+// the year 1000, say) cannot be recorded or filtered on.
 bool TimeFitsStrings(long t) {
   std::string text;
   long back = 0;
   char name[1024] = {};
+  time_t named = 0;
   return Utils::Time_tToTimeString(t, text) && Utils::TimeStringToTime_T(text, back) && back == t &&
-         Utils::SnapNameGenerateByTime(name, sizeof(name), t, TRUE) == 0 && name[0] != '\0';
+         Utils::SnapNameGenerateByTime(name, sizeof(name), t, TRUE) == 0 && name[0] != '\0' &&
+         VELAShareSnapTimeGet(name, &named) == 0 && named == t;
 }
 
 // The share clean-up: results, status record, map entry; each step is
-// tried whatever the one before gave.
-void CleanUpShare(const std::string& shareName) {
-  if (!ShareSnapUsageCal::CleanTaskResultFile(shareName, true)) {
+// tried whatever the one before gave. Whether all of it is gone.
+bool CleanUpShare(const std::string& shareName) {
+  // A share without a result directory has no results to remove.
+  const bool hadResults = Utils::OpenStateDirectory(ShareSnapUsageCal::GetResultBasePath(shareName), false).Valid();
+  const bool resultsGone = !hadResults || ShareSnapUsageCal::CleanTaskResultFile(shareName, true);
+  if (!resultsGone) {
     VELA_LOG(LOG_ERR, "Failed to clean task result of sahre snapshot calculator, share: %s" VELA_ERR_FMT,
              shareName.c_str(), VELA_ERR_ARGS);
   }
-  if (!ShareTaskStatus::CleanShareStatus(shareName)) {
+  const bool statusGone =
+      ShareTaskStatus::CleanShareStatus(shareName) && !ShareTaskStatus::CheckShareStatusFile(shareName);
+  if (!statusGone) {
     VELA_LOG(LOG_ERR, "Failed to clean task status of share snapshot calculator, share: %s" VELA_ERR_FMT,
              shareName.c_str(), VELA_ERR_ARGS);
   }
-  if (RemoveShareFromCalMap(shareName) != SHARE_CAL_SUCCESS) {
+  const bool entryGone = RemoveShareFromCalMap(shareName) == SHARE_CAL_SUCCESS;
+  if (!entryGone) {
     VELA_LOG(LOG_ERR, "Failed to remove member in the task share map, share: %s" VELA_ERR_FMT,
              shareName.c_str(), VELA_ERR_ARGS);
   }
+  return resultsGone && statusGone && entryGone;
 }
 
 // What is known of whether a calculation still has a process behind it.
@@ -212,21 +229,21 @@ enum class Liveness { kAlive, kGone, kUnknown };
 // A pending calculation ("ready") lives while the request creating and
 // launching it holds the share's creation lock.
 Liveness CreationLiveness(const std::string& shareName) {
-  const vela::base::UniqueFd lock = Utils::OpenLockFile(FileNames::ShareTaskLock(shareName), false, 0, 0);
+  const vela::base::UniqueFd lock = Utils::OpenLockFile(FileNames::ShareTaskLock(shareName), false);
   if (!lock.Valid()) return errno == ENOENT ? Liveness::kGone : Liveness::kUnknown;
-  const pid_t holder = vela::base::RecordLockHolder(lock.Get());
-  if (holder < 0) return Liveness::kUnknown;
-  return holder > 0 ? Liveness::kAlive : Liveness::kGone;
+  const int taken = vela::base::RecordLockTaken(lock.Get());
+  if (taken < 0) return Liveness::kUnknown;
+  return taken > 0 ? Liveness::kAlive : Liveness::kGone;
 }
 
 // A running calculation ("process") lives while the child recorded in the
 // status, named by its PID and start time, runs.
-Liveness ChildLiveness(TaskStatus& status, const std::string& taskID) {
+Liveness ChildLiveness(const Json::Value& record, const std::string& taskID) {
   // A task's own files go when it ends, and with every restart.
   if (!taskID.empty() && !TaskStatus::CheckFile(taskID)) return Liveness::kGone;
   pid_t pid = 0;
   unsigned long long started = 0;
-  if (!SnapUsageCalculator::ReadWorker(status, pid, started)) return Liveness::kUnknown;
+  if (!SnapUsageCalculator::ReadWorker(record, pid, started)) return Liveness::kUnknown;
   return Utils::ProcessIsAlive(pid, started) ? Liveness::kAlive : Liveness::kGone;
 }
 
@@ -245,12 +262,11 @@ MapLookup LookUpTask(const std::string& shareName) {
 }
 
 // Whether the share's calculation, recorded as `state` ("ready" or
-// "process") in `status`, still has a process behind it. Where nothing can
-// be proven, a map entry younger than two minutes counts as running. A
-// caller that holds the share's creation lock knows that no request is
-// creating: it must not open the lock file again either, since closing any
-// descriptor of a file drops the process's fcntl locks on it.
-bool CalculationRunning(const std::string& shareName, const MapLookup& entry, TaskStatus& status,
+// "process") in the share's `record`, still has a process behind it. Where
+// nothing can be proven, a map entry younger than two minutes counts as
+// running. A caller that holds the share's creation lock knows that no
+// request is creating (asking the lock would find its own).
+bool CalculationRunning(const std::string& shareName, const MapLookup& entry, const Json::Value& record,
                         CAL_TASK_STATUS state, bool holdingCreationLock) {
   const int found = entry.found;
   const std::string& taskID = entry.taskID;
@@ -259,7 +275,7 @@ bool CalculationRunning(const std::string& shareName, const MapLookup& entry, Ta
   if (found != SHARE_CAL_SUCCESS) return true;  // nothing known: as recorded
   Liveness live = Liveness::kGone;
   if (state == CAL_TASK_STATUS_PROCESS) {
-    live = ChildLiveness(status, taskID);
+    live = ChildLiveness(record, taskID);
   } else if (!holdingCreationLock) {
     live = CreationLiveness(shareName);
   }
@@ -269,21 +285,23 @@ bool CalculationRunning(const std::string& shareName, const MapLookup& entry, Ta
 
 // Stops the child of `taskID` if one is proven to run it, and waits for it
 // to end: asked with SIGTERM (it records "stop" and ends its tool), then
-// killed if it does not end in time.
-void StopChildAndWait(const std::string& taskID) {
+// killed if it does not end in time. False when it could not be ended.
+bool StopChildAndWait(const std::string& taskID) {
   TaskStatus record;
   CAL_TASK_STATUS state;
   pid_t pid = 0;
   unsigned long long started = 0;
   if (!record.Init(taskID, false) || record.GetCalculatorStatus(state) != TASK_STATUS_SUCCESS ||
       state != CAL_TASK_STATUS_PROCESS || !SnapUsageCalculator::ReadWorker(record, pid, started)) {
-    return;
+    return true;
   }
-  if (Utils::SignalProcessIfSame(pid, started, SIGTERM) <= 0) return;
-  if (Utils::WaitProcessGone(pid, started, kWorkerStopWaitMs)) return;
+  const int asked = Utils::SignalProcessIfSame(pid, started, SIGTERM);
+  if (asked == 0) return true;
+  if (asked > 0 && Utils::WaitProcessGone(pid, started, kWorkerStopWaitMs)) return true;
   VELA_LOG_TASK(LOG_ERR, "CleanAll", taskID, "The calculator child [%d] did not stop within %d ms; killing it",
                 static_cast<int>(pid), kWorkerStopWaitMs);
-  if (Utils::SignalProcessIfSame(pid, started, SIGKILL) > 0) Utils::WaitProcessGone(pid, started, kWorkerKillWaitMs);
+  const int killed = Utils::SignalProcessIfSame(pid, started, SIGKILL);
+  return killed == 0 || (killed > 0 && Utils::WaitProcessGone(pid, started, kWorkerKillWaitMs));
 }
 
 }  // namespace
@@ -308,8 +326,9 @@ int ShareSnapUsageCal::FindTaskID(const std::string& name, std::string& taskID, 
     VELA_INVALID_ARGUMENT("!shareName.empty()");
     return SHARE_CAL_INVALID_ARGUMENT;
   }
-  Json::Value map;
-  if (LoadShareCalMap(map) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
+  MapPtr loaded;
+  if (LoadShareCalMap(loaded) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
+  const Json::Value& map = *loaded;
   taskID = TaskIdOf(Entry(map, name));
   // An entry without a task of the system's making is corrupt: no entry.
   if (taskID.empty()) return SHARE_CAL_NOT_FOUND;
@@ -335,8 +354,9 @@ int ShareSnapUsageCal::FindShareNameByTaskID(const std::string& taskID, std::str
     VELA_INVALID_ARGUMENT("!taskID.empty()");
     return SHARE_CAL_INVALID_ARGUMENT;
   }
-  Json::Value map;
-  if (LoadShareCalMap(map) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
+  MapPtr loaded;
+  if (LoadShareCalMap(loaded) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
+  const Json::Value& map = *loaded;
   for (const std::string& member : map.getMemberNames()) {
     if (IsShareNameSafe(member) && TaskIdOf(Entry(map, member)) == taskID) {
       name = member;
@@ -347,8 +367,9 @@ int ShareSnapUsageCal::FindShareNameByTaskID(const std::string& taskID, std::str
 }
 
 BOOL ShareSnapUsageCal::GetShareTaskList(PVLIBSZLIST* list) {
-  Json::Value map;
-  if (LoadShareCalMap(map) != SHARE_CAL_SUCCESS) return FALSE;
+  MapPtr loaded;
+  if (LoadShareCalMap(loaded) != SHARE_CAL_SUCCESS) return FALSE;
+  const Json::Value& map = *loaded;
   for (const std::string& name : map.getMemberNames()) {
     if (!IsShareNameSafe(name)) continue;  // a corrupt entry names no share
     if (VLIBCSzListPush(list, name.c_str()) < 0) {
@@ -360,12 +381,26 @@ BOOL ShareSnapUsageCal::GetShareTaskList(PVLIBSZLIST* list) {
 }
 
 int ShareSnapUsageCal::GetShareState(const std::string& name, CAL_TASK_STATUS& state) {
+  Json::Value record;
+  return GetShareRecord(name, record, state);
+}
+
+int ShareSnapUsageCal::GetShareRecord(const std::string& name, Json::Value& record, CAL_TASK_STATUS& state) {
+  // One read of the record: every attribute a caller answers with comes
+  // from the same moment, and a share costs one locked read.
+  record = Json::Value(Json::objectValue);
   ShareTaskStatus status;
-  if (!status.Init(name, false) || status.GetCalculatorStatus(state) != TASK_STATUS_SUCCESS) {
+  Json::Value doc;
+  if (!status.Init(name, false) || status.GetJsonVal(doc) != TASK_STATUS_SUCCESS || !doc.isObject()) {
+    return SHARE_CAL_FAIL;
+  }
+  record = doc;
+  const Json::Value& text = record["status"];
+  if (!text.isString() || TaskStatus::CnvStatusStrToEnumIdx(text.asString(), state) != TASK_STATUS_SUCCESS) {
     return SHARE_CAL_FAIL;
   }
   if ((state == CAL_TASK_STATUS_READY || state == CAL_TASK_STATUS_PROCESS) &&
-      !CalculationRunning(name, LookUpTask(name), status, state, false)) {
+      !CalculationRunning(name, LookUpTask(name), record, state, false)) {
     state = CAL_TASK_STATUS_FAIL;  // its process is gone: it ended, without a result
   }
   return SHARE_CAL_SUCCESS;
@@ -395,9 +430,12 @@ bool ShareSnapUsageCal::CheckAvail(const std::string& name, std::string& taskID)
   }
   switch (state) {
     case CAL_TASK_STATUS_READY:
-    case CAL_TASK_STATUS_PROCESS:
+    case CAL_TASK_STATUS_PROCESS: {
       // A running child blocks whatever its age; one that is gone does not.
-      return !CalculationRunning(name, entry, status, state, true);
+      Json::Value record;
+      status.GetJsonVal(record);
+      return !CalculationRunning(name, entry, record, state, true);
+    }
     case CAL_TASK_STATUS_FAIL:
     case CAL_TASK_STATUS_STOP:
     case CAL_TASK_STATUS_DONE:
@@ -444,9 +482,12 @@ int ShareSnapUsageCal::CreateTask(const std::string& name) {
 
   // Held through the launch, until the child has recorded itself:
   // concurrent starts of one share queue here, and a pending calculation
-  // whose lock nobody holds is one whose request went away.
+  // whose lock nobody holds is one whose request and child went away. A
+  // lock of the open file, which the child holds too from its fork on: a
+  // request that dies after the fork leaves the lock with its child.
   const std::string lockPath = FileNames::ShareTaskLock(name);
-  if (!Utils::GeneralFileLock(lockPath, true, creationLockFd)) {
+  if (!Utils::GeneralFileLock(lockPath, true, creationLockFd, Utils::LockWait::kBounded,
+                              vela::base::LockOwner::kOpenFile)) {
     VELA_LOG(LOG_ERR, "Failed to lock the file, path: %s, exclusive: %d", lockPath.c_str(), 1);
     ReleaseCreationLock();
     return SHARE_CAL_FAIL;
@@ -456,25 +497,35 @@ int ShareSnapUsageCal::CreateTask(const std::string& name) {
     ReleaseCreationLock();
     return SHARE_CAL_BUSY;
   }
-  // Whatever the old task left in the run-time directories goes now.
-  if (!oldTaskID.empty() && TaskStatus::CheckFile(oldTaskID) && !TaskStatus::CleanFile(oldTaskID)) {
+  // Whatever the old task left in the run-time directories goes now (also
+  // what a start that died before the task's record was whole left).
+  if (!oldTaskID.empty() && !TaskStatus::CleanFile(oldTaskID)) {
     VELA_LOG(LOG_DEBUG, "Failed to clean up task status with ID: %s", oldTaskID.c_str());
   }
   if (!oldTaskID.empty()) TaskResult::CleanFile(oldTaskID);
   int result = SHARE_CAL_FAIL;
   shareName = name;
+  // The new task is in the map before its first file exists: whatever step
+  // a start dies at, every file of the task is found (and removed) by the
+  // share's next start or clean-up.
+  std::string taskID;
   if (!shareTaskStatus.Init(name, true)) {
     VELA_LOG(LOG_ERR, "Failed to initialize task status of snapshot calculator for share [%s]" VELA_ERR_FMT,
              name.c_str(), VELA_ERR_ARGS);
   } else if (shareTaskStatus.SetCalculatorStatus(CAL_TASK_STATUS_READY) != TASK_STATUS_SUCCESS) {
     VELA_LOG(LOG_ERR, "Failed to set ShareTaskStatus for share [%s] as ready status" VELA_ERR_FMT,
              name.c_str(), VELA_ERR_ARGS);
-  } else if (!SnapUsageCalculator::CreateTask(calculator)) {
+  } else if (!SnapUsageCalculator::GenTaskID(taskID)) {
     VELA_LOG(LOG_ERR, "Failed to create the calculator for share [%s]", name.c_str());
     result = EndWithFailure(SHARE_CAL_TASK_NOT_CREATED);
-  } else if (RecordTask(name, calculator.GetTaskID()) != SHARE_CAL_SUCCESS) {
+  } else if (RecordTask(name, taskID) != SHARE_CAL_SUCCESS) {
     EndWithFailure(result);
+  } else if (calculator.Init(taskID) != SNAP_USAGE_CAL_SUCCESS) {
+    VELA_LOG(LOG_ERR, "Failed to initialize the calculator task with ID :%s", taskID.c_str());
+    VELA_LOG(LOG_ERR, "Failed to create the calculator for share [%s]", name.c_str());
+    result = EndWithFailure(SHARE_CAL_TASK_NOT_CREATED);
   } else {
+    calculator.HoldUntilRecorded(creationLockFd);
     return SHARE_CAL_SUCCESS;
   }
   ReleaseCreationLock();
@@ -609,23 +660,42 @@ int ShareSnapUsageCal::WaitForChildRecord() {
 _tag_progress_update_function_ret ShareSnapUsageCal::UpdateTaskStatus(TaskStatus& taskStatus, void* data) {
   (void)data;
   const std::string& taskID = taskStatus.GetTaskID();
-  std::string share;
-  if (FindShareNameByTaskID(taskID, share) != SHARE_CAL_SUCCESS) {
+  // What this process last brought into the share's status for a task: the
+  // share (which a task never changes) and the state.
+  static struct {
+    std::string taskID;
+    std::string share;
+    std::string state;
+  } last;
+  if (last.taskID != taskID) last = {taskID, "", ""};
+  if (last.share.empty() && FindShareNameByTaskID(taskID, last.share) != SHARE_CAL_SUCCESS) {
     VELA_LOG_TASK(LOG_ERR, "UpdateTaskStatus", taskID,
-                  "Failed to get the corresponding share name[%s]" VELA_ERR_FMT, share.c_str(), VELA_ERR_ARGS);
+                  "Failed to get the corresponding share name[%s]" VELA_ERR_FMT, last.share.c_str(), VELA_ERR_ARGS);
     return PROGRESS_UPDATE_FAIL;
   }
   ShareTaskStatus shareStatus;
-  if (!shareStatus.Init(share, false)) {
+  if (!shareStatus.Init(last.share, false)) {
     VELA_LOG_TASK(LOG_ERR, "UpdateTaskStatus", taskID,
                   "Failed to initialize task status of share snapshot calculator" VELA_ERR_FMT, VELA_ERR_ARGS);
     return PROGRESS_UPDATE_FAIL;
   }
-  if (!shareStatus.Import(taskStatus)) {
+  Json::Value doc;
+  if (taskStatus.GetJsonVal(doc) != TASK_STATUS_SUCCESS) {
+    VELA_LOG_TASK(LOG_ERR, "UpdateTaskStatus", taskID, "Failed to get json value" VELA_ERR_FMT, VELA_ERR_ARGS);
+    return PROGRESS_UPDATE_FAIL;
+  }
+  const std::string state = doc.isObject() && doc["status"].isString() ? doc["status"].asString() : "";
+  // A change of state (the child's start record, the outcome) must reach
+  // the share; progress within a state may be skipped when the lock is busy.
+  const StatusWrite how = state == last.state ? StatusWrite::kSkipIfBusy : StatusWrite::kAlways;
+  const int imported = shareStatus.ImportDocument(doc, how);
+  if (imported == TASK_STATUS_SKIPPED) return PROGRESS_UPDATE_SUCCESS;
+  if (imported != TASK_STATUS_SUCCESS) {
     VELA_LOG_TASK(LOG_ERR, "UpdateTaskStatus", taskID,
                   "Failed to import task status of snapshot calculator" VELA_ERR_FMT, VELA_ERR_ARGS);
     return PROGRESS_UPDATE_FAIL;
   }
+  last.state = state;
   return PROGRESS_UPDATE_SUCCESS;
 }
 
@@ -713,6 +783,35 @@ int ShareSnapUsageCal::GetResultVtr(TASK_RESULT_OPT opt, const std::string& name
 template VELA_EXPORT int ShareSnapUsageCal::GetResultVtr(TASK_RESULT_OPT, const std::string&,
                                                          std::vector<unsigned long long>&);
 
+int ShareSnapUsageCal::FindSpaceMap(const std::string& name, std::string& path) {
+  path.clear();
+  std::string taskID;
+  bool expired = false;
+  const int found = FindTaskID(name, taskID, expired);
+  if (found != SHARE_CAL_SUCCESS) return found;
+  if (!IsShareNameSafe(name)) return SHARE_CAL_INVALID_ARGUMENT;
+  // As the result vectors: the share's copy first, then the task's own.
+  for (const std::string& candidate : {FileNames::ShareSpaceMap(name, taskID), FileNames::TaskSpaceMap(taskID)}) {
+    std::string leaf;
+    const vela::base::UniqueFd dir = Utils::OpenContainingDirectory(candidate, false, leaf);
+    if (!dir.Valid()) {
+      if (errno == ENOENT) continue;
+      return SHARE_CAL_FAIL;  // a refused directory is logged where it is checked
+    }
+    // Whatever is there is the map's to judge; its reader follows no link.
+    struct stat st;
+    if (fstatat(dir.Get(), leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+      path = candidate;
+      return SHARE_CAL_SUCCESS;
+    }
+    if (errno != ENOENT) {
+      VELA_LOG(LOG_ERR, "Failed to look for the space map %s, errno: %s", candidate.c_str(), strerror(errno));
+      return SHARE_CAL_FAIL;
+    }
+  }
+  return SHARE_CAL_SUCCESS;
+}
+
 int ShareSnapUsageCal::GetShareSnapAccumUsageVtr(const std::string& name, std::vector<unsigned long long>& out) {
   std::vector<unsigned long long> usage;
   if (GetResultVtr(TASK_RESULT_OPT_RESULT, name, usage) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
@@ -733,8 +832,9 @@ int ShareSnapUsageCal::FindSnapNameBySubvolID(const std::string& name, std::vect
   }
   if (*ppListSnapName == nullptr) return SHARE_CAL_INVALID_ARGUMENT;
   if (ids.empty()) return SHARE_CAL_SUCCESS;
-  Json::Value map;
-  if (LoadShareCalMap(map) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
+  MapPtr loaded;
+  if (LoadShareCalMap(loaded) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
+  const Json::Value& map = *loaded;
   const Json::Value& entry = Entry(map, name);
   const Json::Value& snapList = entry.isMember(kSnapList) ? entry[kSnapList] : Json::Value::nullSingleton();
   for (unsigned long long id : ids) {
@@ -776,40 +876,46 @@ int ShareSnapUsageCal::Stop(const std::string& name) {
   return SHARE_CAL_SUCCESS;
 }
 
-void ShareSnapUsageCal::CleanAll(const std::string& name) {
-  if (name.empty()) return;
-  Json::Value map;
-  if (LoadShareCalMap(map) != SHARE_CAL_SUCCESS) return;
+int ShareSnapUsageCal::CleanAll(const std::string& name) {
+  if (name.empty()) return SHARE_CAL_SUCCESS;
+  MapPtr loaded;
+  if (LoadShareCalMap(loaded) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
+  const Json::Value& map = *loaded;
   // Only a share the map knows is cleaned: the entry is what makes it ours.
-  if (!map.isMember(name) || !IsShareNameSafe(name)) return;
+  if (!map.isMember(name) || !IsShareNameSafe(name)) return SHARE_CAL_SUCCESS;
   // No start of the share runs meanwhile, and a running calculation is
-  // stopped first: clean-ups can never leave a child behind them.
+  // stopped first: clean-ups can never leave a child behind them. (A lock
+  // of the open file, as a start holds it, so that the two exclude each
+  // other also within one process.)
   const std::string lockPath = FileNames::ShareTaskLock(name);
-  Utils::ScopedFileLock creation(lockPath, true);
+  Utils::ScopedFileLock creation(lockPath, true, vela::base::LockOwner::kOpenFile);
   if (!creation.Locked()) {
     VELA_LOG(LOG_ERR, "Failed to lock the file, path: %s, exclusive: %d", lockPath.c_str(), 1);
-    return;
+    return SHARE_CAL_FAIL;
   }
   std::string taskID;
   bool expired = false;
+  bool stopped = true;
   if (FindTaskID(name, taskID, expired) == SHARE_CAL_SUCCESS) {
-    StopChildAndWait(taskID);
+    stopped = StopChildAndWait(taskID);
     TaskStatus::CleanFile(taskID);
     TaskResult::CleanFile(taskID);
   }
-  CleanUpShare(name);
+  return CleanUpShare(name) && stopped ? SHARE_CAL_SUCCESS : SHARE_CAL_FAIL;
 }
 
 int ShareSnapUsageCal::CleanAllSResult() {
-  Json::Value map;
-  if (LoadShareCalMap(map) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
+  MapPtr loaded;
+  if (LoadShareCalMap(loaded) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
+  const Json::Value& map = *loaded;
   for (const std::string& name : map.getMemberNames()) CleanAll(name);  // CleanAll skips corrupt names
   return SHARE_CAL_SUCCESS;
 }
 
 int ShareSnapUsageCal::CleanNotDoneTask() {
-  Json::Value map;
-  if (LoadShareCalMap(map) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
+  MapPtr loaded;
+  if (LoadShareCalMap(loaded) != SHARE_CAL_SUCCESS) return SHARE_CAL_FAIL;
+  const Json::Value& map = *loaded;
   for (const std::string& name : map.getMemberNames()) {
     if (!IsShareNameSafe(name)) continue;
     ShareTaskStatus status;
@@ -824,7 +930,7 @@ int ShareSnapUsageCal::CleanNotDoneTask() {
                name.c_str());
       continue;  // a share whose state cannot be read is left alone
     }
-    if (state == CAL_TASK_STATUS_PROCESS) CleanAll(name);
+    if (state == CAL_TASK_STATUS_PROCESS) CleanAll(name);  // its failures are logged where they happen
   }
   return SHARE_CAL_SUCCESS;
 }

@@ -87,7 +87,8 @@ int SnapUsageCalculator::SetTaskStatusReady() {
                                              {TASKSTATUS_ATTR_PID, Utils::PIDStringGet()},
                                              {TASKSTATUS_ATTR_PID_START, std::to_string(started)},
                                              {TASKSTATUS_ATTR_ERROR_CODE, "-1"},
-                                             {TASKSTATUS_ATTR_START_TIME, now}});
+                                             {TASKSTATUS_ATTR_START_TIME, now}},
+                                            StatusWrite::kAlways);
   return written == TASK_STATUS_SUCCESS ? SNAP_USAGE_CAL_SUCCESS : SNAP_USAGE_CAL_FAIL;
 }
 
@@ -101,7 +102,7 @@ int SnapUsageCalculator::Start(_tag_VELA_BTRFS_USAGE_CAL_TASK* task, PVLIBSZLIST
     return SNAP_USAGE_CAL_INVALID_ARGUMENT;
   }
   if (!Valid()) return SNAP_USAGE_CAL_INVALID_OBJECT;
-  const pid_t pid = VLIBCProcForkChildNoWait();
+  const pid_t pid = VLIBCProcForkChildNoWaitKeepFd(heldUntilRecorded);
   if (pid < 0) {
     VELA_LOG_TASK(LOG_ERR, "Start", taskID, "Failed to fork() " VELA_ERR_FMT, VELA_ERR_ARGS);
     return SNAP_USAGE_CAL_FORK_FAIL;
@@ -145,6 +146,8 @@ int SnapUsageCalculator::StartTask(_tag_VELA_BTRFS_USAGE_CAL_TASK* task, PVLIBSZ
     code = SNAP_USAGE_CAL_FAIL;
   } else {
     RunProgress(task->progressUpdate, status);
+    // Recorded: whoever looks now finds this process named in the status.
+    ReleaseHeldDescriptor();
     if (task->option == VELA_BTRFS_USAGE_CAL_BY_PATH) {
       code = CalculateByPath(task, ppData, errMsg, cmd);
     } else if (task->option == VELA_BTRFS_USAGE_CAL_BY_SUBVOL_ID) {
@@ -168,9 +171,15 @@ int SnapUsageCalculator::StartTask(_tag_VELA_BTRFS_USAGE_CAL_TASK* task, PVLIBSZ
   }
   std::string now;
   if (Utils::NowTimeStringGet(now)) outcome.emplace_back(TASKSTATUS_ATTR_END_TIME, now);
-  status.SetStatusAttrs(outcome);
+  status.SetStatusAttrs(outcome, StatusWrite::kAlways);
   RunProgress(task->progressUpdate, status);
+  ReleaseHeldDescriptor();
   return code;
+}
+
+void SnapUsageCalculator::ReleaseHeldDescriptor() {
+  if (heldUntilRecorded >= 0) close(heldUntilRecorded);
+  heldUntilRecorded = -1;
 }
 
 int SnapUsageCalculator::PostCalAction(_tag_VELA_BTRFS_USAGE_CAL_TASK* task) {
@@ -229,12 +238,17 @@ int SnapUsageCalculator::Stop(const std::string& id) {
 }
 
 bool SnapUsageCalculator::ReadWorker(TaskStatus& record, pid_t& pid, unsigned long long& started) {
+  Json::Value doc;
+  return record.GetJsonVal(doc) == TASK_STATUS_SUCCESS && ReadWorker(doc, pid, started);
+}
+
+bool SnapUsageCalculator::ReadWorker(const Json::Value& record, pid_t& pid, unsigned long long& started) {
   std::string pidText;
   std::string startText;
   uint64_t pidValue = 0;
   uint64_t startValue = 0;
-  if (record.GetStatusAttr(TASKSTATUS_ATTR_PID, pidText) != TASK_STATUS_SUCCESS ||
-      record.GetStatusAttr(TASKSTATUS_ATTR_PID_START, startText) != TASK_STATUS_SUCCESS ||
+  if (!TaskStatus::ReadAttr(record, TASKSTATUS_ATTR_PID, pidText) ||
+      !TaskStatus::ReadAttr(record, TASKSTATUS_ATTR_PID_START, startText) ||
       !vela::base::ParseCanonicalDecimal(pidText, pidValue) || pidValue == 0 || pidValue > INT32_MAX ||
       !vela::base::ParseCanonicalDecimal(startText, startValue)) {
     return false;
@@ -305,7 +319,11 @@ _tag_fp_parse_function_ret SnapUsageCalculator::ParseCmdFp(std::string id, FILE*
     if (kind == ToolOutputParser::Line::kEstimate || kind == ToolOutputParser::Line::kProgress) {
       const TASKSTATUS_ATTR attr = kind == ToolOutputParser::Line::kEstimate ? TASKSTATUS_ATTR_ESTIMATED_IN_BYTES
                                                                               : TASKSTATUS_ATTR_PROCESSED_IN_BYTES;
-      if (record.SetStatusAttr(attr, std::to_string(parser.Value())) != TASK_STATUS_SUCCESS) return FP_PARSE_FAIL;
+      // Progress is soon outdated: a write whose lock is busy is skipped
+      // rather than waited for, so nobody holding a lock can stall the run.
+      const int written = record.SetStatusAttrs({{attr, std::to_string(parser.Value())}}, StatusWrite::kSkipIfBusy);
+      if (written == TASK_STATUS_SKIPPED) continue;
+      if (written != TASK_STATUS_SUCCESS) return FP_PARSE_FAIL;
       RunProgress(progress, record);
     }
   }

@@ -1,10 +1,10 @@
 // The size tool's output, one line at a time: "subvol(ID) BYTES bytes" per
 // subvolume, "exclusive BYTES bytes" (the estimate of the work) and
 // "processed BYTES bytes" (the work done). Other lines are ignored. The
-// figures are kept in order of first appearance; a subvolume reported
-// again keeps its place and takes the later figure. A "subvol" line
-// without its byte count takes the number last read, as the calculator
-// always has.
+// figures are kept in order. A "subvol" line without its byte count takes
+// the number last read, as the calculator always has. A number with a sign
+// or past 2^64 - 1, a subvolume reported twice, or figures whose sum passes
+// 2^64 - 1 make the line malformed: such output holds wrong figures.
 #ifndef VELABTRFSSNAPUSAGE_SNAP_CALCULATOR_TOOL_OUTPUT_PARSER_H_
 #define VELABTRFSSNAPUSAGE_SNAP_CALCULATOR_TOOL_OUTPUT_PARSER_H_
 
@@ -35,6 +35,7 @@ class ToolOutputParser {
   std::unordered_map<unsigned long long, std::size_t> placeOfId_;
   unsigned long long subvolId_ = 0;
   unsigned long long value_ = 0;
+  unsigned long long total_ = 0;
   int scanned_ = 0;
 };
 

@@ -54,6 +54,11 @@ bool ShareTaskStatus::CleanShareStatus(const std::string& name) {
   if (!Utils::IsPathComponent(name)) return false;
   UnlinkLogged(FileNames::ShareTaskStatusFile(name));
   UnlinkLogged(FileNames::ShareTaskStatusLock(name));
+  // What a writer that died left: the record's next writer is gone too.
+  if (!Utils::RemoveStateFileTemporary(FileNames::ShareTaskStatusFile(name))) {
+    VELA_LOG(LOG_ERR, "Failed to unlink file (%s) err:(%s) ", FileNames::ShareTaskStatusFile(name).c_str(),
+             strerror(errno));
+  }
   return true;
 }
 

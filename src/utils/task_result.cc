@@ -193,6 +193,15 @@ bool TaskResult::CleanFile(const std::string& taskID) {
                   VELA_ERR_ARGS);
     ok = false;
   }
+  // What a writer that died left under the vectors' and the space map's
+  // temporary names (the size tool writes the map the same way).
+  for (const char* suffix : {".result", ".subvol_id", VELA_SPACE_MAP_SUFFIX}) {
+    if (ok && !Utils::RemoveStateFileTemporary(GetFileBasePath(taskID) + suffix)) {
+      VELA_LOG_TASK(LOG_ERR, "CleanFile", taskID, "Failed to delete the candidate files" VELA_ERR_FMT,
+                    VELA_ERR_ARGS);
+      ok = false;
+    }
+  }
   return ok;
 }
 

@@ -70,12 +70,15 @@ bool TaskStatus::Init(const std::string& id, bool create) {
 
 bool TaskStatus::Valid() const { return !filePath.empty(); }
 
-bool TaskStatus::LockFile(bool exclusive) {
+bool TaskStatus::LockFile(bool exclusive) { return LockFile(exclusive, Utils::LockWait::kBounded); }
+
+bool TaskStatus::LockFile(bool exclusive, Utils::LockWait wait) {
   if (!Valid()) {
     VELA_LOG_TASK(LOG_ERR, "LockFile", taskID, "Invalid object");
     return false;
   }
-  if (!Utils::GeneralFileLock(lockPath, exclusive, lockFd)) {
+  if (!Utils::GeneralFileLock(lockPath, exclusive, lockFd, wait)) {
+    if (wait == Utils::LockWait::kTryOnce && errno == EAGAIN) return false;  // busy, as asked
     VELA_LOG(LOG_ERR, "Failed to lock the file, path: %s, exclusive: %d", lockPath.c_str(),
              exclusive ? 1 : 0);
     return false;
@@ -101,7 +104,14 @@ bool TaskStatus::CheckFile(const std::string& id) {
 }
 
 bool TaskStatus::CleanFile(const std::string& id) {
-  if (!Utils::IsPathComponent(id) || !CheckFile(id)) return true;  // the lock file is left alone then
+  if (!Utils::IsPathComponent(id)) return true;
+  // A writer that died may have left the record's temporary file, also
+  // before the record itself was first written.
+  if (!Utils::RemoveStateFileTemporary(GetFilePath(id))) {
+    VELA_LOG_TASK(LOG_ERR, "CleanFile", id, "Failed to unlink file (%s) err:(%s) ", GetFilePath(id).c_str(),
+                  strerror(errno));
+  }
+  if (!CheckFile(id)) return true;  // the lock file is left alone then
   for (const std::string& path : {GetFilePath(id), GetFileLockPath(id)}) {
     if (!Utils::RemoveStateFile(path)) {
       VELA_LOG_TASK(LOG_ERR, "CleanFile", id, "Failed to unlink file (%s) err:(%s) ", path.c_str(),
@@ -153,31 +163,46 @@ int TaskStatus::SetStatusAttr(TASKSTATUS_ATTR attr, const std::string& value) {
     VELA_LOG_TASK(LOG_ERR, "SetStatusAttr", taskID, "Invalid object");
     return TASK_STATUS_INVALID_OBJECT;
   }
-  return WriteAttrs({{attr, value}}, "SetStatusAttr");
+  return WriteAttrs({{attr, value}}, "SetStatusAttr", StatusWrite::kWaitOrFail);
 }
 
 int TaskStatus::SetStatusAttrs(const std::vector<std::pair<TASKSTATUS_ATTR, std::string>>& values) {
+  return SetStatusAttrs(values, StatusWrite::kWaitOrFail);
+}
+
+int TaskStatus::SetStatusAttrs(const std::vector<std::pair<TASKSTATUS_ATTR, std::string>>& values,
+                               StatusWrite how) {
   if (!Valid()) {
     VELA_LOG_TASK(LOG_ERR, "SetStatusAttrs", taskID, "Invalid object");
     return TASK_STATUS_INVALID_OBJECT;
   }
-  return WriteAttrs(values, "SetStatusAttrs");
+  return WriteAttrs(values, "SetStatusAttrs", how);
+}
+
+int TaskStatus::LockForWrite(StatusWrite how, const char* function) {
+  if (LockFile(true, how == StatusWrite::kSkipIfBusy ? Utils::LockWait::kTryOnce : Utils::LockWait::kBounded)) {
+    return TASK_STATUS_SUCCESS;
+  }
+  if (how == StatusWrite::kSkipIfBusy && errno == EAGAIN) return TASK_STATUS_SKIPPED;
+  VELA_LOG_TASK(LOG_ERR, function, taskID, "lock failed");
+  // Otherwise nothing is written without the lock: a write that went ahead
+  // unlocked could undo another writer's update, and a lock that stays
+  // away for the whole bounded wait means something is wrong to be
+  // reported. Only what must not be lost is written all the same.
+  return how == StatusWrite::kAlways ? TASK_STATUS_SUCCESS : TASK_STATUS_FAIL;
 }
 
 int TaskStatus::WriteAttrs(const std::vector<std::pair<TASKSTATUS_ATTR, std::string>>& values,
-                           const char* function) {
-  // Without the lock nothing is written: a write that went ahead unlocked
-  // could undo another writer's update, and a lock that stays away for the
-  // whole bounded wait means something is wrong to be reported.
-  if (!LockFile(true)) {
-    VELA_LOG_TASK(LOG_ERR, function, taskID, "lock failed");
-    UnlockFile();
-    return TASK_STATUS_FAIL;
+                           const char* function, StatusWrite how) {
+  const int locked = LockForWrite(how, function);
+  bool written = false;
+  if (locked == TASK_STATUS_SUCCESS) {
+    Json::Value doc = ReadDocument();
+    for (const auto& [attr, value] : values) doc[_task_status_attr_str[attr]] = value;
+    written = Utils::SetJsonAttrByPath(filePath.c_str(), doc);
   }
-  Json::Value doc = ReadDocument();
-  for (const auto& [attr, value] : values) doc[_task_status_attr_str[attr]] = value;
-  const bool written = Utils::SetJsonAttrByPath(filePath.c_str(), doc);
   UnlockFile();
+  if (locked != TASK_STATUS_SUCCESS) return locked;
   return written ? TASK_STATUS_SUCCESS : TASK_STATUS_FAIL;
 }
 
@@ -206,12 +231,19 @@ int TaskStatus::GetStatusAttr(TASKSTATUS_ATTR attr, std::string& value) {
   if (!LockFile(false)) VELA_LOG_TASK(LOG_ERR, "GetStatusAttr", taskID, "lock failed");
   const Json::Value doc = ReadDocument();
   UnlockFile();
-  if (doc.isMember(key) && ReadableValue(doc[key])) {
-    value = doc[key].asString();
-    return TASK_STATUS_SUCCESS;
-  }
+  if (ReadAttr(doc, attr, value)) return TASK_STATUS_SUCCESS;
   VELA_LOG_TASK(LOG_DEBUG, "GetStatusAttr", taskID, "Do not have member (%s)", key.c_str());
   return TASK_STATUS_FAIL;
+}
+
+bool TaskStatus::ReadAttr(const Json::Value& doc, TASKSTATUS_ATTR attr, std::string& value) {
+  const auto key = _task_status_attr_str.find(attr);
+  if (key == _task_status_attr_str.end() || !doc.isObject() || !doc.isMember(key->second) ||
+      !ReadableValue(doc[key->second])) {
+    return false;
+  }
+  value = doc[key->second].asString();
+  return true;
 }
 
 bool TaskStatus::CheckAttrExist(TASKSTATUS_ATTR attr) {
@@ -282,10 +314,17 @@ bool TaskStatus::Import(TaskStatus& source) {
     VELA_LOG_TASK(LOG_ERR, "Import", taskID, "Failed to get json value" VELA_ERR_FMT, VELA_ERR_ARGS);
     return false;
   }
-  bool written = false;
-  if (!Valid() || !LockFile(true)) {
+  return ImportDocument(sourceDoc, StatusWrite::kWaitOrFail) == TASK_STATUS_SUCCESS;
+}
+
+int TaskStatus::ImportDocument(const Json::Value& sourceDoc, StatusWrite how) {
+  if (!Valid()) {
     VELA_LOG_TASK(LOG_ERR, "Import", taskID, "lock failed" VELA_ERR_FMT, VELA_ERR_ARGS);
-  } else {
+    return TASK_STATUS_FAIL;
+  }
+  const int locked = LockForWrite(how, "Import");
+  bool written = false;
+  if (locked == TASK_STATUS_SUCCESS) {
     Json::Value doc = ReadDocument();
     for (int i = TASKSTATUS_ATTR_STATUS; i <= kLastAttr; ++i) {
       const std::string& key = _task_status_attr_str[static_cast<TASKSTATUS_ATTR>(i)];
@@ -298,7 +337,8 @@ bool TaskStatus::Import(TaskStatus& source) {
     }
   }
   UnlockFile();
-  return written;
+  if (locked != TASK_STATUS_SUCCESS) return locked;
+  return written ? TASK_STATUS_SUCCESS : TASK_STATUS_FAIL;
 }
 
 }  // namespace VelaBtrfsUsage

@@ -110,15 +110,19 @@ class CalculatorTest : public testing::Test {
 
 TEST_F(CalculatorTest, ARunReportsProgressStoresResultsAndCleansUpAfterItsPostAction) {
   tool_.Script({"exclusive 1000 bytes", "processed 0 bytes", "subvol(257) 100 bytes",
-                "unrelated line", "processed 500 bytes", "subvol(258) 200 bytes",
-                "subvol(257) 150 bytes", "processed 1000 bytes"});
+                "unrelated line", "processed 500 bytes", "subvol(258) 200 bytes", "processed 1000 bytes"});
   EXPECT_EQ(0, RunToEnd(2, CopyResults));
 
   const std::string tool = BtrfsToolDouble::ToolPath();
   ASSERT_EQ(1u, tool_.Runs().size());
-  EXPECT_EQ((std::vector<std::string>{tool, "subvolume", "size", "-vpm", "-r", "/volume1", "257", "258"}),
+  // The space map is asked for beside the task's result vectors.
+  const std::string map = "/run/velabtrfssnapusage/task_result/" + calculator_.GetTaskID() + ".space_map";
+  EXPECT_EQ((std::vector<std::string>{tool, "subvolume", "size", "-vpm", "--space-map", map, "-r", "/volume1", "257",
+                                      "258"}),
             tool_.Runs()[0]);
-  EXPECT_EQ(1u, FindSyslog(LOG_DEBUG, "BTRFS CMD: " + tool + " subvolume size -vpm -r /volume1 257 258 ").size());
+  EXPECT_EQ(1u,
+            FindSyslog(LOG_DEBUG, "BTRFS CMD: " + tool + " subvolume size -vpm --space-map " + map + " -r /volume1 257 258 ")
+                .size());
 
   const auto progress = Lines(gProgressLog);
   ASSERT_EQ(6u, progress.size()) << ReadFile(gProgressLog);
@@ -134,7 +138,7 @@ TEST_F(CalculatorTest, ARunReportsProgressStoresResultsAndCleansUpAfterItsPostAc
   ASSERT_EQ(0, TaskResult::ReadVtr(gResultCopies + ".subvol_id", ids));
   ASSERT_EQ(0, TaskResult::ReadVtr(gResultCopies + ".result", bytes));
   EXPECT_EQ(Vector({257, 258}), ids);
-  EXPECT_EQ(Vector({150, 200}), bytes) << "the last report of a subvolume wins";
+  EXPECT_EQ(Vector({100, 200}), bytes);
   EXPECT_FALSE(TaskStatus::CheckFile(calculator_.GetTaskID())) << "the task's files go after the post action";
   EXPECT_EQ(1, TaskResult::GetResultVtr(TASK_RESULT_OPT_RESULT, calculator_.GetTaskID(), bytes));
 }
@@ -186,7 +190,10 @@ TEST_F(CalculatorTest, FailuresEndAsFailWithTheirCodesAndOnlyAFailedPostActionKe
   EXPECT_EQ(1, RunToEnd(2, CopyResults));
   EXPECT_EQ("fail 1", State());
   EXPECT_EQ(1u, FindSyslog(LOG_ERR, "The btrfs tool gave no figure for 258, cmd(" + BtrfsToolDouble::ToolPath() +
-                                        " subvolume size -vpm -r /volume1 257 258 )").size()) << vela::test::DumpSyslog();
+                                        " subvolume size -vpm --space-map /run/velabtrfssnapusage/task_result/" +
+                                        calculator_.GetTaskID() + ".space_map -r /volume1 257 258 )")
+                    .size())
+      << vela::test::DumpSyslog();
   Vector bytes;
   EXPECT_EQ(1, TaskResult::GetResultVtr(TASK_RESULT_OPT_RESULT, calculator_.GetTaskID(), bytes));
 
@@ -209,7 +216,8 @@ TEST_F(CalculatorTest, ByPathRunsTheToolOverThePathsAndAToolFailureIsOnlyLogged)
   _tag_VELA_BTRFS_USAGE_CAL_TASK task = {1, RecordProgress, FailPostAction, 0};
   ASSERT_EQ(0, calculator_.Start(&task, paths.Address()));
   EXPECT_EQ(9, WaitForExit(-1, 20000));
-  EXPECT_EQ((std::vector<std::string>{BtrfsToolDouble::ToolPath(), "subvolume", "size", "-vpm",
+  EXPECT_EQ((std::vector<std::string>{BtrfsToolDouble::ToolPath(), "subvolume", "size", "-vpm", "--space-map",
+                                      "/run/velabtrfssnapusage/task_result/" + calculator_.GetTaskID() + ".space_map",
                                       "/volume1/@snapshots/s/GMT-2024.03.05-09.04.09"}),
             tool_.Runs().at(0));
   EXPECT_EQ("done 0", State());
@@ -236,7 +244,7 @@ class ParserTest : public testing::Test {
   TaskStatus status_;
 };
 
-TEST_F(ParserTest, ASubvolLineWithoutBytesTakesTheLastNumberAndNoSubvolLinesGiveEmptyFiles) {
+TEST_F(ParserTest, ASubvolLineWithoutBytesTakesTheLastNumberAndWrongFiguresFailTheRun) {
   EXPECT_EQ(0, Parse("exclusive 77 bytes\nsubvol(257)\nsubvol(258) 5 bytes\n"));
   EXPECT_EQ(Vector({257, 258}), Read(TASK_RESULT_OPT_SUBVOL_ID));
   EXPECT_EQ(Vector({77, 5}), Read(TASK_RESULT_OPT_RESULT));
@@ -244,6 +252,14 @@ TEST_F(ParserTest, ASubvolLineWithoutBytesTakesTheLastNumberAndNoSubvolLinesGive
   EXPECT_EQ(Vector{}, Read(TASK_RESULT_OPT_SUBVOL_ID));
   EXPECT_EQ(std::string(8, '\0'), ReadFile(TaskResult::GetFileBasePath(kTask) + ".result"));
   EXPECT_EQ(2, Parse("exclusive lots\n"));
+  // Figures that cannot be right fail the run: a sign, more than 64 bits,
+  // a subvolume twice, a sum past 64 bits.
+  for (const char* wrong : {"subvol(257) -100 bytes\n", "subvol(257) 18446744073709551616 bytes\n",
+                            "subvol(-1) 5 bytes\n", "processed -3 bytes\n",
+                            "subvol(257) 100 bytes\nsubvol(257) 150 bytes\n",
+                            "subvol(257) 18446744073709551615 bytes\nsubvol(258) 1 bytes\n"}) {
+    EXPECT_EQ(2, Parse(wrong)) << wrong;
+  }
   std::string errMsg;
   EXPECT_EQ(2, SnapUsageCalculator::ParseCmdFp(kTask, nullptr, errMsg, nullptr));
 }

@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "base/atomic_file.h"
+#include "base/file_name.h"
 #include "base/numbers.h"
 #include "support/fork_child.h"
 #include "support/scratch_dir.h"
@@ -203,6 +205,26 @@ TEST(JsonToFile, AWriterKilledAtAnyMomentNeverLeavesATargetThatDoesNotParseNorIt
   // What the last killed writer left is removed by the next one.
   ASSERT_TRUE(JsonToFile(Doc("k", "last"), target));
   EXPECT_TRUE(Leftovers(dir.Path(), std::string(255, 'r')).empty());
+}
+
+TEST(JsonToFile, NoOtherNameCanTakeAFilesShortenedOrTemporaryNameNorCanAnythingPlantedThereBlockIt) {
+  // A name too long for a directory entry is shortened and hashed; a name
+  // given whole may look just like that result.
+  const std::string longName(255, 'n');
+  const std::string shortened = vela::base::FitFileName("", longName, ".lock");
+  EXPECT_EQ(255u, shortened.size());
+  const std::string poser = shortened.substr(0, shortened.size() - 5);
+  EXPECT_NE(shortened, vela::base::FitFileName("", poser, ".lock"));
+  EXPECT_NE(vela::base::TemporaryNameFor(longName), vela::base::TemporaryNameFor(poser));
+
+  ScratchDir dir;
+  const std::string temp = dir / vela::base::TemporaryNameFor("record");
+  ASSERT_EQ(0, mkdir(temp.c_str(), 0755));
+  ASSERT_EQ(0, mkdir((temp + "/inner").c_str(), 0755));
+  vela::test::WriteFile(temp + "/inner/file", "x");
+  ASSERT_EQ(0, symlink(dir.Path().c_str(), (temp + "/link").c_str()));
+  EXPECT_TRUE(JsonToFile(Doc("k", "v"), dir / "record"));
+  EXPECT_TRUE(Leftovers(dir.Path(), "record").empty());
 }
 
 TEST(JsonFromFile, MissingCorruptDeeplyNestedOrSpecialFilesFailWithDebugMessagesOnly) {

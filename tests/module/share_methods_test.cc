@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -75,7 +76,10 @@ TEST_F(ShareMethods, TheWholeRoadFromStartToClean) {
   // The tool saw exactly share1's snapshots, oldest first, by root ID.
   const auto runs = tool_.Runs();
   ASSERT_EQ(1u, runs.size());
-  EXPECT_EQ((std::vector<std::string>{BtrfsToolDouble::ToolPath(), "subvolume", "size", "-vpm", "-r", "/volume1",
+  ASSERT_EQ(11u, runs[0].size());
+  EXPECT_EQ(0u, runs[0][5].rfind("/run/velabtrfssnapusage/task_result/", 0)) << runs[0][5];
+  EXPECT_EQ((std::vector<std::string>{BtrfsToolDouble::ToolPath(), "subvolume", "size", "-vpm", "--space-map",
+                                      runs[0][5], "-r", "/volume1",
                                       std::to_string(ids.at(snaps + "s0")), std::to_string(ids.at(snaps + "s1")),
                                       std::to_string(ids.at(snaps + "s2"))}),
             runs[0]);
@@ -141,7 +145,7 @@ TEST_F(ShareMethods, RangesSelectSnapshotsWithEqualBoundsSelectingAll) {
   // Equal bounds mean no range: every snapshot.
   EXPECT_EQ("ok null", Call("start", StartParams("share1", 5, 5)));
   EXPECT_EQ("done 0", WaitForEnd("share1"));
-  EXPECT_EQ(9u, tool_.Runs().at(0).size());
+  EXPECT_EQ(11u, tool_.Runs().at(0).size());
   // One snapshot in range, which is by creation time; share2's snapshot of
   // the same second stays out.
   WaitForNextSecond();
@@ -153,7 +157,7 @@ TEST_F(ShareMethods, RangesSelectSnapshotsWithEqualBoundsSelectingAll) {
   EXPECT_EQ("ok null", Call("start", StartParams("share1", middle.time, middle.time + 1)));
   EXPECT_EQ("done 0", WaitForEnd("share1"));
   EXPECT_EQ(std::to_string(RootIds().at("@snapshots/share1/s3")), tool_.Runs().at(1).back());
-  EXPECT_EQ(7u, tool_.Runs().at(1).size());
+  EXPECT_EQ(9u, tool_.Runs().at(1).size());
   EXPECT_EQ("error 3", Call("start", R"({"share_name":"share1","range":{"range_start":"x","range_end":1}})"));
   EXPECT_EQ(2u, tool_.Runs().size());
 }
@@ -246,7 +250,31 @@ TEST_F(ShareMethods, CancelStopsARunningCalculationAndANewStartIsAccepted) {
   EXPECT_EQ("done 0", WaitForEnd("share1"));
 }
 
-TEST_F(ShareMethods, CleanAlwaysSucceedsAndLeavesSharesWithoutAnEntryAlone) {
+TEST_F(ShareMethods, AServerWorkersRequestSwitchesToRootOnceWhateverItReads) {
+  for (const char* share : {"share1", "share2"}) {
+    ASSERT_EQ("ok null", Call("start", StartParams(share, 1, 1)));
+    ASSERT_EQ("done 0", WaitForEnd(share));
+  }
+  ASSERT_EQ("ok null", Call("set_conf", R"({"reminder":false})"));
+  // As a web server's worker: effective ids not root, saved ids root. Every
+  // switch to root is logged: one section per request, three lines.
+  const std::string lines = RunForked([&] {
+    if (syscall(SYS_setresgid, -1, 1000, -1) != 0 || syscall(SYS_setresuid, -1, 1000, -1) != 0) return std::string("ids");
+    std::string out;
+    for (const auto& [method, params] : std::vector<std::pair<std::string, std::string>>{
+             {"status", R"({"additional":["processed_in_bytes","estimated_in_bytes","range_start","range_end"]})"},
+             {"get_report", R"({"share_name":"share1"})"},
+             {"get_conf", R"({"additional":["reminder","reminder"]})"}}) {
+      ClearSyslog();
+      const auto answer = module_.Call(method, params);
+      out += method + (answer.IsSuccess() ? " ok " : " failed ") + std::to_string(CapturedSyslog().size()) + "\n";
+    }
+    return out;
+  });
+  EXPECT_EQ("status ok 3\nget_report ok 0\nget_conf ok 3\n", lines) << DumpSyslog();
+}
+
+TEST_F(ShareMethods, CleanOfAShareWithoutAnEntryLeavesItAloneAndSucceeds) {
   MustRun({"mkdir", "-p", "/usr/local/velabtrfssnapusage/share_task_result/share2"});
   WriteFile("/usr/local/velabtrfssnapusage/share_task_result/share2/keep", "x");
   EXPECT_EQ("ok null", Call("clean", R"({"share_name":"share2"})"));

@@ -82,7 +82,7 @@ std::string Line(const std::string& printed) { return printed.substr(0, printed.
 class StorageModule {
  public:
   Json::Value Call(const std::string& api, const std::string& method, const std::string& params) const {
-    return module_.Call(api, method, params, "alice").ToJson();
+    return module_.CallApi(api, method, params, "alice").ToJson();
   }
   Json::Value Snapshots(const std::string& share) const {
     return Call("VELA.Storage.Share.Snapshot", "list", R"({"share_name":")" + share + R"("})")["data"]["snapshots"];

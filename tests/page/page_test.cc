@@ -3,6 +3,8 @@
 // on a machine's file system whose snapshots other tools took.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cstdlib>
 
 #include "host/web_host.h"
@@ -26,7 +28,7 @@ TEST(AdministratorsPage, TheWholeRoadInChromium) {
   MachineImage machine("page", true);
   MustRun({VELA_TEST_VELA_SHARE_PATH, "volume", "add", machine.RootPath()});
   ASSERT_EQ("", BindInto(VELA_TEST_PACED_PROVIDER, BtrfsToolDouble::ToolPath()));
-  setenv("VELA_TEST_SIZE_PROVIDER", VELA_TEST_SIZE_PROVIDER_PATH, 1);
+  ASSERT_EQ(0, symlink(VELA_TEST_SIZE_PROVIDER_PATH, "/run/vela-test/size-provider"));
   WebHost host({"--admin-group", admins});
 
   ScratchDir home;

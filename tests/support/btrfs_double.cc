@@ -1,9 +1,10 @@
 // vela-btrfs-double: stands in for the btrfs tool in tests.
 //
-// It appends its argument vector (one argument per line, then an empty
-// line) to $VELA_BTRFS_DOUBLE_ARGS when that is set, then plays the script
-// file $VELA_BTRFS_DOUBLE_SCRIPT line by line: every line is printed to
-// standard output and flushed, except these directives:
+// Programs run with a fixed environment, so the double finds its files at
+// fixed places of the sandbox (kBtrfsDoubleDir). It appends its argument
+// vector (one argument per line, then an empty line) to "args" there, then
+// plays the script file "script" there line by line: every line is printed
+// to standard output and flushed, except these directives:
 //   @sleep MS       pause for MS milliseconds
 //   @stderr TEXT    print TEXT on standard error
 //   @pidfile PATH   write the own process ID to PATH
@@ -12,9 +13,13 @@
 //                   will not be stopped would
 //   @subvols B      for the k-th root ID given after "-r MOUNT" (k from 0),
 //                   print "subvol(ID) B*(k+1) bytes"
+//   @alone          mark this run as running until it ends; a run that
+//                   finds another one marked adds a line to "overlaps"
 // Without a script it prints nothing and exits 0. A reader that goes away
 // ends it (SIGPIPE), as it would end the real tool.
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -24,16 +29,16 @@
 #include <string>
 #include <thread>
 
+#include "btrfs_tool_double.h"
+
 int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_DFL);
-  if (const char* record = getenv("VELA_BTRFS_DOUBLE_ARGS")) {
-    std::ofstream out(record, std::ios::app);
+  {
+    std::ofstream out(std::string(vela::test::kBtrfsDoubleDir) + "/args", std::ios::app);
     for (int i = 0; i < argc; ++i) out << argv[i] << "\n";
     out << "\n";
   }
-  const char* scriptPath = getenv("VELA_BTRFS_DOUBLE_SCRIPT");
-  if (scriptPath == nullptr) return 0;
-  std::ifstream script(scriptPath);
+  std::ifstream script(std::string(vela::test::kBtrfsDoubleDir) + "/script");
   std::string line;
   while (std::getline(script, line)) {
     if (line.rfind("@sleep ", 0) == 0) {
@@ -42,6 +47,10 @@ int main(int argc, char** argv) {
       fprintf(stderr, "%s\n", line.c_str() + 8);
     } else if (line.rfind("@pidfile ", 0) == 0) {
       std::ofstream(line.substr(9)) << getpid() << "\n";
+    } else if (line == "@alone") {
+      const std::string dir = vela::test::kBtrfsDoubleDir;
+      const int fd = open((dir + "/alone").c_str(), O_RDWR | O_CREAT, 0600);  // kept open until the end
+      if (fd < 0 || flock(fd, LOCK_EX | LOCK_NB) != 0) std::ofstream(dir + "/overlaps", std::ios::app) << getpid() << "\n";
     } else if (line == "@ignore-signals") {
       signal(SIGTERM, SIG_IGN);
       signal(SIGPIPE, SIG_IGN);

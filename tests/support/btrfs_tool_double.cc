@@ -1,35 +1,42 @@
 #include "btrfs_tool_double.h"
 
+#include <sys/stat.h>
+
 #include <cstdlib>
 #include <fstream>
 #include <stdexcept>
 
 #include "sandbox_mounts.h"
+#include "scratch_dir.h"
 
 namespace vela::test {
 
+namespace {
+
+std::string DoubleFile(const char* name) { return std::string(kBtrfsDoubleDir) + "/" + name; }
+
+}  // namespace
+
 BtrfsToolDouble::BtrfsToolDouble() {
+  RequireSandbox("BtrfsToolDouble");
   const std::string error = BindInto(VELA_TEST_BTRFS_DOUBLE, ToolPath());
   if (!error.empty()) throw std::runtime_error(error);
+  RemoveTree(kBtrfsDoubleDir);
+  if (mkdir(kBtrfsDoubleDir, 0755) != 0) throw std::runtime_error(std::string("mkdir ") + kBtrfsDoubleDir);
   Script({});
-  setenv("VELA_BTRFS_DOUBLE_SCRIPT", (dir_ / "script").c_str(), 1);
-  setenv("VELA_BTRFS_DOUBLE_ARGS", (dir_ / "args").c_str(), 1);
 }
 
-BtrfsToolDouble::~BtrfsToolDouble() {
-  unsetenv("VELA_BTRFS_DOUBLE_SCRIPT");
-  unsetenv("VELA_BTRFS_DOUBLE_ARGS");
-}
+BtrfsToolDouble::~BtrfsToolDouble() { RemoveTree(kBtrfsDoubleDir); }
 
 void BtrfsToolDouble::Script(const std::vector<std::string>& lines) {
   std::string text;
   for (const auto& line : lines) text += line + "\n";
-  WriteFile(dir_ / "script", text);
+  WriteFile(DoubleFile("script"), text);
 }
 
 std::vector<std::vector<std::string>> BtrfsToolDouble::Runs() const {
   std::vector<std::vector<std::string>> runs;
-  std::ifstream in(dir_ / "args");
+  std::ifstream in(DoubleFile("args"));
   std::vector<std::string> run;
   std::string line;
   while (std::getline(in, line)) {

@@ -6,9 +6,12 @@
 #include <string>
 #include <vector>
 
-#include "support/scratch_dir.h"
 
 namespace vela::test {
+
+// Where the double finds its script and writes its runs' arguments (in the
+// sandbox's private /run).
+inline constexpr char kBtrfsDoubleDir[] = "/run/vela-test/btrfs-double";
 
 class BtrfsToolDouble {
  public:
@@ -22,12 +25,9 @@ class BtrfsToolDouble {
   // The argument vectors of every run so far.
   std::vector<std::vector<std::string>> Runs() const;
   // Where a script's "@pidfile" may write.
-  std::string PidFile() const { return dir_ / "tool.pid"; }
+  std::string PidFile() const { return std::string(kBtrfsDoubleDir) + "/tool.pid"; }
 
   static std::string ToolPath();
-
- private:
-  ScratchDir dir_;
 };
 
 // Makes the tool's path absent in this sandbox.

@@ -14,11 +14,11 @@ ModuleLoader::ModuleLoader(const std::string& path) {
 }
 
 VELA::APIResponse ModuleLoader::Call(const std::string& method, const std::string& paramsJson) const {
-  return Call("VELA.Snap.Usage.Share", method, paramsJson, "");
+  return CallApi("VELA.Snap.Usage.Share", method, paramsJson);
 }
 
-VELA::APIResponse ModuleLoader::Call(const std::string& api, const std::string& method, const std::string& paramsJson,
-                                     const std::string& user) const {
+VELA::APIResponse ModuleLoader::CallApi(const std::string& api, const std::string& method,
+                                        const std::string& paramsJson, const std::string& user) const {
   Json::Value params;
   std::string error;
   if (!vela::base::ParseJsonText(paramsJson, params, error)) throw std::runtime_error("bad test JSON: " + paramsJson);

@@ -19,6 +19,7 @@ namespace {
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 constexpr int kExitKeptChanging = 3;
+constexpr int kExitWithoutSpaceMap = 4;
 
 constexpr char kUsage[] =
     "usage: vela-btrfs <command> [<args>]\n"
@@ -63,8 +64,8 @@ int Run(const std::vector<std::string>& args) {
   if (fcntl(STDOUT_FILENO, F_GETFD) < 0) {
     Fail(ProviderError::Kind::kSystem, "cannot write to standard output: %s", strerror(errno));
   }
-  vela::btrfs::RunSubvolumeSize(vela::btrfs::ParseSubvolumeSizeArguments(rest), stdout);
-  return 0;
+  const bool complete = vela::btrfs::RunSubvolumeSize(vela::btrfs::ParseSubvolumeSizeArguments(rest), stdout);
+  return complete ? 0 : kExitWithoutSpaceMap;
 }
 
 }  // namespace

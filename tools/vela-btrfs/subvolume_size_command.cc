@@ -64,7 +64,8 @@ const char kSubvolumeSizeUsage[] =
     "\n"
     "Exit status: 0 done; 1 failed (a damaged file system, an unsupported one, a\n"
     "wrong subvolume, output that cannot be written); 2 usage error; 3 the file\n"
-    "system kept changing until the deadline.\n";
+    "system kept changing until the deadline; 4 every figure printed, but the\n"
+    "space map could not be written.\n";
 
 namespace {
 
@@ -289,7 +290,7 @@ SubvolumeSizeRequest ParseSubvolumeSizeArguments(const std::vector<std::string>&
   return request;
 }
 
-void RunSubvolumeSize(const SubvolumeSizeRequest& request, FILE* out) {
+bool RunSubvolumeSize(const SubvolumeSizeRequest& request, FILE* out) {
   std::vector<uint64_t> ids;
   UniqueFd fsFd;
   Fsid fsid{};
@@ -326,13 +327,17 @@ void RunSubvolumeSize(const SubvolumeSizeRequest& request, FILE* out) {
   const UsageFigures figures =
       MeasureNewestCommit(fsFd.Get(), fsid, ids, request.deadline, progress, collector.get(), &generation);
   progress.Finish();
-  // Before the figures: a caller that asked for the map and finds figures
-  // may take it that the map is there.
+  // Before the figures, so that a caller who reads them knows by then
+  // whether the map is there. A map that cannot be written (a full
+  // directory, say) costs the caller the map, not the figures: they are
+  // what the run is for, and the exit status tells the map is missing.
+  bool mapWritten = true;
   if (collector != nullptr) {
     std::string error;
     // Readable by root only: it names the files of every snapshot.
     if (!space_map::WriteSpaceMap(request.spaceMap, collector->TakeContent(generation), 0600, &error)) {
-      Fail(ProviderError::Kind::kSystem, "%s", error.c_str());
+      fprintf(stderr, "vela-btrfs: %s; the figures follow without it\n", error.c_str());
+      mapWritten = false;
     }
   }
 
@@ -346,6 +351,7 @@ void RunSubvolumeSize(const SubvolumeSizeRequest& request, FILE* out) {
     }
   }
   lines.Print("total %llu bytes\n", static_cast<unsigned long long>(total));
+  return mapWritten;
 }
 
 }  // namespace vela::btrfs

@@ -33,7 +33,9 @@ SubvolumeSizeRequest ParseSubvolumeSizeArguments(const std::vector<std::string>&
 
 // Runs the request, printing results and progress on `out`. Throws
 // ProviderError; nothing but progress lines is printed before a failure.
-void RunSubvolumeSize(const SubvolumeSizeRequest& request, FILE* out);
+// False when the space map asked for could not be written (said on
+// standard error); the figures are printed all the same.
+bool RunSubvolumeSize(const SubvolumeSizeRequest& request, FILE* out);
 
 extern const char kSubvolumeSizeUsage[];
 

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "space_command.h"
 #include "vela/sz_list.h"
 #include "vela/vela_share.h"
 #include "vela/vela_volume.h"
@@ -59,6 +60,10 @@ constexpr char kUsage[] =
     "  snapshots SHARE             list SHARE's snapshots, oldest first, one per line:\n"
     "                              NAME<TAB>SECONDS<TAB>LOCAL TIME<TAB>TOOL<TAB>PATH\n"
     "  delete-snapshot SHARE NAME  delete snapshot NAME of SHARE (only those taken here)\n"
+    "\n"
+    "Space (from the space map of SHARE's last calculation):\n"
+    "%s"
+    "\n"
     "  help                        show this text\n"
     "\n"
     "Every subvolume that keeps data is a share, wherever it lies, named by its own\n"
@@ -70,9 +75,11 @@ constexpr char kUsage[] =
     "\n"
     "Exit status: 0 done, 1 failed (the reason on standard error), 2 usage error.\n";
 
+void PrintUsage(FILE* to) { fprintf(to, kUsage, vela::share_tool::kSpaceUsage); }
+
 int Usage(const char* why) {
   if (why != nullptr) fprintf(stderr, "vela-share: %s\n", why);
-  fputs(kUsage, stderr);
+  PrintUsage(stderr);
   return kExitUsage;
 }
 
@@ -385,10 +392,15 @@ int main(int argc, char** argv) {
   const std::string& command = args[0];
   const size_t n = args.size() - 1;
   if (command == "help" || command == "--help" || command == "-h") {
-    fputs(kUsage, stdout);
+    PrintUsage(stdout);
     return kExitOk;
   }
   if (command == "volume") return Volume(args, argv);
+  if (command == "space") {
+    std::string why;
+    const int status = vela::share_tool::RunSpace(std::vector<std::string>(args.begin() + 1, args.end()), why);
+    return why.empty() ? status : Usage(why.c_str());
+  }
   if (command == "volumes" && n == 0) return Volumes();
   if (command == "list" && n == 0) return List();
   if (command == "create" && n == 2) return Create(args[1], argv[3]);

@@ -26,6 +26,9 @@
 #ifndef VELA_MODULE_INSTALL_PATH
 #error "VELA_MODULE_INSTALL_PATH names the installed module"
 #endif
+#if !defined(VELA_SPACE_MODULE_BUILD_PATH) || !defined(VELA_SPACE_MODULE_INSTALL_PATH)
+#error "VELA_SPACE_MODULE_BUILD_PATH and VELA_SPACE_MODULE_INSTALL_PATH name the space module"
+#endif
 #ifndef VELA_RUNNER_BUILD_PATH
 #error "VELA_RUNNER_BUILD_PATH names this program in the build tree"
 #endif
@@ -45,16 +48,22 @@ int Usage(const char* why) {
   return kExitUsage;
 }
 
-// The module next to this program: the build tree's when run from there,
-// else the installed one.
-std::string DefaultModule() {
+// The module that serves `api` next to this program: the space module for
+// its API, else the snapshot usage module; the build tree's when run from
+// there, else the installed one. True when it is the installed one.
+bool DefaultModule(const std::string& api, std::string& path) {
+  const bool space = api == "VELA.Snap.Usage.Space";
   char self[PATH_MAX];
   const ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
   if (n > 0) {
     self[n] = '\0';
-    if (strcmp(self, VELA_RUNNER_BUILD_PATH) == 0) return VELA_MODULE_BUILD_PATH;
+    if (strcmp(self, VELA_RUNNER_BUILD_PATH) == 0) {
+      path = space ? VELA_SPACE_MODULE_BUILD_PATH : VELA_MODULE_BUILD_PATH;
+      return false;
+    }
   }
-  return VELA_MODULE_INSTALL_PATH;
+  path = space ? VELA_SPACE_MODULE_INSTALL_PATH : VELA_MODULE_INSTALL_PATH;
+  return true;
 }
 
 bool ParseParams(const std::string& text, Json::Value& params, std::string& error) {
@@ -115,10 +124,7 @@ int main(int argc, char** argv) {
   // A module named here, or the one of the build tree, is the caller's
   // choice; the installed one must be root's all the way up.
   VELA::ModuleTrust trust = VELA::ModuleTrust::kCallerChosen;
-  if (modulePath.empty()) {
-    modulePath = DefaultModule();
-    if (modulePath == VELA_MODULE_INSTALL_PATH) trust = VELA::ModuleTrust::kRootOwned;
-  }
+  if (modulePath.empty() && DefaultModule(api, modulePath)) trust = VELA::ModuleTrust::kRootOwned;
 
   VELA::APIModules modules;
   std::string error;

@@ -1,9 +1,11 @@
 // Running programs and forking workers.
 //
-// Programs are started from an argument vector, never through a shell, with
-// LC_ALL=C, standard input from /dev/null (read mode), every descriptor
-// above 2 closed, the caller's signal mask, and every signal at its default
-// action (a server that ignores SIGPIPE does not pass that on).
+// Programs are started from an argument vector, never through a shell, in
+// the directory "/" with an environment of their own (PATH and LC_ALL=C
+// only), standard input from /dev/null (read mode), every descriptor above
+// 2 closed, the caller's signal mask, and every signal at its default
+// action (a server that ignores SIGPIPE does not pass that on). A program
+// is killed (SIGKILL) when the process that started it ends.
 #ifndef VELA_VLIB_PROC_H_
 #define VELA_VLIB_PROC_H_
 
@@ -43,6 +45,11 @@ VELA_PLATFORM_API int VLIBCPclose(FILE* fp);
 // The worker keeps the caller's signal handlers and mask; the caller's
 // SIGCHLD disposition is left as it is.
 VELA_PLATFORM_API pid_t VLIBCProcForkChildNoWait(void);
+// As VLIBCProcForkChildNoWait, but the worker keeps the caller's descriptor
+// `keepFd` (under the same number) besides 0, 1 and 2: a lock of the open
+// file behind it is then the worker's too, without a moment between the
+// fork and the worker holding it. -1 keeps nothing.
+VELA_PLATFORM_API pid_t VLIBCProcForkChildNoWaitKeepFd(int keepFd);
 
 #ifdef __cplusplus
 }

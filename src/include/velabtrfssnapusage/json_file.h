@@ -7,20 +7,35 @@
 
 #include <string>
 
+#include "base/record_lock.h"
 #include "velabtrfssnapusage/export.h"
 
 namespace VelaBtrfsUsage::Utils {
+
+// How a lock is waited for.
+enum class LockWait {
+  kBounded,  // at most 30 seconds (VELA_LOCK_WAIT_MS may say less); giving up is logged
+  kTryOnce,  // not at all: a lock another holds leaves it busy (errno EAGAIN), unlogged
+};
 
 // Opens `lockPath` and waits, at most 30 seconds, for a whole-file lock on
 // it, exclusive or shared. An exclusive lock creates the lock file (root's,
 // readable by the web server's group only) and its directories when
 // missing; a shared one creates nothing: with no lock file yet, nobody has
-// written, and the lock is granted with `fd` -1. On success `fd` holds the
-// descriptor; after a failed lock it may still hold an open descriptor,
-// which GeneralFileUnlock closes.
+// written, and the lock is granted with `fd` -1. So is a shared lock on a
+// lock file the process may not open: writers replace files whole, so a
+// reader without the lock still never sees a part of one. On success `fd`
+// holds the descriptor; after a failed lock it may still hold an open
+// descriptor, which GeneralFileUnlock closes.
 VELA_EXPORT bool GeneralFileLock(const std::string& lockPath, bool exclusive, int& fd);
+// As above, waiting as `wait` says, and held as `owner` says: a lock of the
+// open file is held by a forked child too, until every descriptor of it is
+// closed (and must be released by closing, see GeneralFileUnlock).
+VELA_EXPORT bool GeneralFileLock(const std::string& lockPath, bool exclusive, int& fd, LockWait wait,
+                                 vela::base::LockOwner owner = vela::base::LockOwner::kProcess);
 // Releases the lock and closes `fd` (-1: nothing held, true at once). Does
-// not write -1 back.
+// not write -1 back. A lock of the open file is only closed here: it stays
+// with whoever else holds a descriptor of that open.
 VELA_EXPORT bool GeneralFileUnlock(int& fd);
 
 // Writes `doc` to `path` atomically. A rewrite keeps the old file's owner
@@ -42,8 +57,9 @@ VELA_EXPORT Json::Value GetJsonAttrByPath(const char* path);
 // end). Callers log a failure to lock in their own words.
 class ScopedFileLock {
  public:
-  ScopedFileLock(const std::string& lockPath, bool exclusive)
-      : locked_(GeneralFileLock(lockPath, exclusive, fd_)) {}
+  ScopedFileLock(const std::string& lockPath, bool exclusive,
+                 vela::base::LockOwner owner = vela::base::LockOwner::kProcess)
+      : locked_(GeneralFileLock(lockPath, exclusive, fd_, LockWait::kBounded, owner)) {}
   ~ScopedFileLock() { GeneralFileUnlock(fd_); }
   ScopedFileLock(const ScopedFileLock&) = delete;
   ScopedFileLock& operator=(const ScopedFileLock&) = delete;

@@ -56,6 +56,10 @@ class VELA_EXPORT ShareSnapUsageCal {
   // running whose process is proven gone has ended ("fail"). 0, or 1 when
   // the share's status cannot be read.
   static int GetShareState(const std::string& shareName, CAL_TASK_STATUS& state);
+  // The share's status record as one document, and its state as
+  // GetShareState gives it. 0, or 1 when the record cannot be read or holds
+  // no valid state (`record` is then what could be read, maybe nothing).
+  static int GetShareRecord(const std::string& shareName, Json::Value& record, CAL_TASK_STATUS& state);
 
   // Whether the share may start a new calculation; `taskID` gets its
   // current task's ID. Called with the share's creation lock held: a
@@ -88,6 +92,12 @@ class VELA_EXPORT ShareSnapUsageCal {
   static int GetResultVtr(TASK_RESULT_OPT opt, const std::string& shareName, std::vector<T>& out);
   // Element i: the bytes freed by deleting the first i + 1 snapshots.
   static int GetShareSnapAccumUsageVtr(const std::string& shareName, std::vector<unsigned long long>& out);
+  // Where the space map of the share's last calculation is: the share's
+  // copy once the run has finished, until then the task's own. 0 when the
+  // share has a calculation, with `path` empty while it has no map (not
+  // written yet, or not at all); 8 when it has none; 3 for a name that
+  // cannot be a share's; 1 when a state directory is refused.
+  static int FindSpaceMap(const std::string& shareName, std::string& path);
   // One snapshot name per ID, in the order of `ids`.
   static int FindSnapNameBySubvolID(const std::string& shareName, std::vector<unsigned long long>& ids,
                                     PVLIBSZLIST* ppListSnapName);
@@ -96,8 +106,10 @@ class VELA_EXPORT ShareSnapUsageCal {
   static int Stop(const std::string& shareName);
   // Stops the share's running calculation and waits for it to end, then
   // removes the task's files, the share's results, status record and map
-  // entry.
-  static void CleanAll(const std::string& shareName);
+  // entry. 0 when nothing of the share is left (also for a share without a
+  // map entry, which is not the module's to clean), 1 when something could
+  // not be removed or the share's lock was not granted.
+  static int CleanAll(const std::string& shareName);
   static int CleanAllSResult();
   // Cleans up every share recorded as still calculating.
   static int CleanNotDoneTask();

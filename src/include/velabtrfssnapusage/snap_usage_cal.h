@@ -48,6 +48,11 @@ class VELA_EXPORT SnapUsageCalculator {
   int SetTaskStatusReady();
   // Forks the child that runs the task and returns at once.
   int Start(_tag_VELA_BTRFS_USAGE_CAL_TASK* task, PVLIBSZLIST* ppData);
+  // Start's child keeps the caller's descriptor `fd` open until it has
+  // recorded itself (then closes it): a lock of the open file behind it is
+  // held without a break from before the fork until the child is named in
+  // its status, whichever of the two processes ends first.
+  void HoldUntilRecorded(int fd) { heldUntilRecorded = fd; }
   // The run, in the child: "process", the tool, then "done", "stop" or
   // "fail". Returns the run's code.
   int StartTask(_tag_VELA_BTRFS_USAGE_CAL_TASK* task, PVLIBSZLIST* ppData);
@@ -61,6 +66,8 @@ class VELA_EXPORT SnapUsageCalculator {
   // The child recorded in a status record: its PID and start time. False
   // when the record does not name one.
   static bool ReadWorker(TaskStatus& record, pid_t& pid, unsigned long long& started);
+  // The same from a record's document.
+  static bool ReadWorker(const Json::Value& record, pid_t& pid, unsigned long long& started);
   // The child forked by Start, in the process that called it; -1 before.
   pid_t WorkerPid() const { return workerPid; }
   int GetTaskStatus(TASKSTATUS_ATTR attr, std::string& value);
@@ -79,9 +86,12 @@ class VELA_EXPORT SnapUsageCalculator {
   const std::string& GetTaskID() const { return taskID; }
 
  private:
+  void ReleaseHeldDescriptor();
+
   TaskStatus status;  // handed to the call-backs
   std::string taskID;
   pid_t workerPid = -1;
+  int heldUntilRecorded = -1;
 };
 
 }  // namespace VelaBtrfsUsage

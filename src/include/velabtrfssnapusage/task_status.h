@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "velabtrfssnapusage/export.h"
+#include "velabtrfssnapusage/json_file.h"
 #include "velabtrfssnapusage/types.h"
 
 namespace VelaBtrfsUsage {
@@ -21,8 +22,19 @@ namespace VelaBtrfsUsage {
 enum TASK_STATUS_CODE {
   TASK_STATUS_SUCCESS = 0,
   TASK_STATUS_FAIL = 1,
+  TASK_STATUS_SKIPPED = 2,         // a progress write not made: its lock was busy
   TASK_STATUS_INVALID_OBJECT = 7,  // not initialised
   TASK_STATUS_NOT_FOUND = 8,       // string not in a table
+};
+
+// What a write does about a lock that another process holds.
+enum class StatusWrite {
+  kWaitOrFail,  // waits (bounded); not granted: nothing is written (1)
+  kSkipIfBusy,  // progress figures, soon outdated anyway: not waited for;
+                // busy: nothing is written (TASK_STATUS_SKIPPED)
+  kAlways,      // a start record or an outcome, which must not be lost: waits
+                // (bounded); not granted: written all the same (files are
+                // replaced whole, so readers still see a whole record)
 };
 
 class VELA_EXPORT TaskStatus {
@@ -41,6 +53,8 @@ class VELA_EXPORT TaskStatus {
   const std::string& GetTaskID() const { return taskID; }
 
   bool LockFile(bool exclusive);
+  // As above, waiting as `wait` says; a busy try is not logged.
+  bool LockFile(bool exclusive, Utils::LockWait wait);
   // Releases the lock (if any); false only for an uninitialised object.
   bool UnlockFile();
 
@@ -58,14 +72,21 @@ class VELA_EXPORT TaskStatus {
   // the lock cannot be had (1).
   int SetStatusAttr(TASKSTATUS_ATTR attr, const std::string& value);
   // Writes several attributes in one locked update: readers see all of
-  // them or none.
+  // them or none. Without `how`: StatusWrite::kWaitOrFail.
   int SetStatusAttrs(const std::vector<std::pair<TASKSTATUS_ATTR, std::string>>& values);
+  int SetStatusAttrs(const std::vector<std::pair<TASKSTATUS_ATTR, std::string>>& values, StatusWrite how);
   int SetStatusNowTimeAttr(TASKSTATUS_ATTR attr);
   int SetStatusIntAttr(TASKSTATUS_ATTR attr, int n);
   bool CheckAttrExist(TASKSTATUS_ATTR attr);
   // Copies every attribute present in `source` into this record.
   bool Import(TaskStatus& source);
+  // Copies every attribute present in `sourceDoc` (a record's document)
+  // into this record, as `how` says: TASK_STATUS_SUCCESS, _SKIPPED or _FAIL.
+  int ImportDocument(const Json::Value& sourceDoc, StatusWrite how);
   int GetStatusAttr(TASKSTATUS_ATTR attr, std::string& value);
+  // One attribute of a record's document (GetJsonVal) as GetStatusAttr
+  // gives it, without reading the file again or logging; false when absent.
+  static bool ReadAttr(const Json::Value& doc, TASKSTATUS_ATTR attr, std::string& value);
   int GetStatusIntAttr(TASKSTATUS_ATTR attr, int& n);
   int GetStatusTimeAttr(TASKSTATUS_ATTR attr, long& t);
   int GetCalculatorStatus(CAL_TASK_STATUS& state);
@@ -77,7 +98,12 @@ class VELA_EXPORT TaskStatus {
  protected:
   // Reads the document; a missing or corrupt file reads as an empty object.
   Json::Value ReadDocument() const;
-  int WriteAttrs(const std::vector<std::pair<TASKSTATUS_ATTR, std::string>>& values, const char* function);
+  // Takes the exclusive lock for a write as `how` says. TASK_STATUS_SUCCESS
+  // to write (locked, or unlocked for kAlways), _SKIPPED or _FAIL not to;
+  // the caller calls UnlockFile() either way.
+  int LockForWrite(StatusWrite how, const char* function);
+  int WriteAttrs(const std::vector<std::pair<TASKSTATUS_ATTR, std::string>>& values, const char* function,
+                 StatusWrite how);
 
   std::string taskID;
   std::string filePath;  // non-empty exactly when the object is valid
