@@ -143,6 +143,14 @@ try {
   const homeMeta = await page.textContent('button.share[data-share="@home"] .share-meta');
   check(/GiB free of .*GiB/.test(homeMeta) || /MiB free of/.test(homeMeta), `the volume's space with the share: ${homeMeta}`);
   await page.locator('#share-meta', { hasText: 'free of' }).waitFor();
+  // Chart labels carry the year when, and only when, the times span years.
+  const labels = await page.evaluate(async () => {
+    const { formatAxisTime } = await import('/js/format.js');
+    const at = (text) => new Date(text).getTime() / 1000;
+    const [a, b, c, d] = ['2025-12-30T10:00', '2026-01-02T10:00', '2026-03-01T10:00', '2026-05-01T10:00'].map(at);
+    return [formatAxisTime(a, a, b), formatAxisTime(c, c, d)];
+  });
+  check(same(labels, ['2025-12-30', '03-01']), `chart labels: ${labels}`);
   home = await listed(page, '@home');
   check(home.length === 5, `five snapshots of @home: ${home.length}`);
   await shot('share-opened');

@@ -6,7 +6,7 @@ import {
   ApiError, LOCKED_OUT, SESSION_ENDED, listShares, listVolumes, login, logout, resumeSession, session, usage,
 } from './api.js';
 import { byId, el } from './dom.js';
-import { formatBytes, formatClock, formatDay, formatDuration, plural } from './format.js';
+import { formatBytes, formatClock, formatDay, formatDuration, formatTime, plural } from './format.js';
 import { ShareView } from './share_view.js';
 import { readUrl, writeUrl } from './url_state.js';
 
@@ -148,9 +148,9 @@ function lockOut(seconds) {
       byId('login-error').textContent = 'You may try to log in again.';
       return;
     }
-    byId('login-error').textContent = `Too many failed logins: try again in ${formatDuration(left)}, at ` +
-      `${formatClock(until / 1000)}. Nothing else changed: the page keeps what you had open, and a browser that ` +
-      'logged in here before keeps its own allowance.';
+    const at = formatDay(until / 1000) === formatDay(Date.now() / 1000) ? formatClock(until / 1000) : formatTime(until / 1000);
+    byId('login-error').textContent = `Too many failed logins: try again in ${formatDuration(left)}, at ${at}. ` +
+      'The page keeps what you had open.';
   };
   clearInterval(lockoutTimer);
   submit.disabled = true;
@@ -178,6 +178,7 @@ function wire() {
       await showApp(user);
     } catch (error) {
       submit.disabled = false;
+      byId('login-password').value = '';
       if (error instanceof ApiError && error.code === LOCKED_OUT && error.retryAfter > 0) lockOut(error.retryAfter);
       else byId('login-error').textContent = error instanceof ApiError ? error.message : String(error);
     }

@@ -5,6 +5,8 @@ import { byId, el } from './dom.js';
 import { planFor } from './calculation.js';
 import { formatBytes, formatExactBytes, formatTime, parseSize, plural } from './format.js';
 
+const SHOWN_TIMES = 12;
+
 export class PlanPanel {
   // onTick(ids) ticks a proposal; onError(error) shows a failed question.
   constructor(onTick, onError) {
@@ -53,6 +55,12 @@ export class PlanPanel {
     }
   }
 
+  // The snapshots' times, the first dozen of a long list.
+  timesText(times) {
+    const shown = times.slice(0, SHOWN_TIMES).flatMap((t, i) => [i ? ', ' : '', el('span', { class: 'nowrap' }, formatTime(t))]);
+    return times.length > SHOWN_TIMES ? [...shown, ` and ${times.length - SHOWN_TIMES} more`] : shown;
+  }
+
   card(title, how, proposal, wanted, keep) {
     const count = proposal.subvolIds.length;
     const times = proposal.subvolIds.map((id) => this.times.get(id)).filter((t) => t !== undefined);
@@ -66,7 +74,7 @@ export class PlanPanel {
       el('h5', {}, title),
       el('p', { class: 'hint' }, how),
       el('p', { 'data-bytes': proposal.freed }, outcome),
-      times.length ? el('p', { class: 'proposal-times' }, times.map(formatTime).join(', ')) : null,
+      times.length ? el('p', { class: 'proposal-times' }, this.timesText(times)) : null,
       count
         ? el('button', { type: 'button', class: 'quiet', onclick: () => this.onTick(proposal.subvolIds) },
           `Tick ${count === 1 ? 'it' : `these ${count}`}`)

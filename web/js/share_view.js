@@ -475,7 +475,8 @@ export class ShareView {
       const deleted = results.filter((r) => r.deleted).length;
       const refused = results.filter((r) => !r.deleted);
       const text = [`Deleted ${plural(deleted, 'snapshot')}.`,
-        ...refused.map((r) => `Not deleted: ${r.name}, as ${r.message}.`)].join(' ');
+        deleted ? 'The file system gives their space back in the background, within a minute or so.' : '',
+        ...refused.map((r) => `Not deleted: ${r.name}, as ${r.message}.`)].filter(Boolean).join(' ');
       byId('action-result').textContent = text;
       announce(text);
     } catch (error) {

@@ -33,6 +33,9 @@ export class SnapshotTable {
     this.ticks = new Set();
     this.anchor = null;
     this.current = null;
+    // Where each snapshot seen lay and which tool took it, for the rows of
+    // snapshots deleted since.
+    this.seen = new Map();
     this.body.addEventListener('mousedown', (event) => {
       if (event.shiftKey) event.preventDefault();  // no text selection on shift-click
     });
@@ -49,18 +52,20 @@ export class SnapshotTable {
   show(snapshots, covered, tickable) {
     const focusedId = this.body.contains(document.activeElement) ? this.current : null;
     const now = new Map(snapshots.map((s) => [s.subvol_id, s]));
+    for (const snapshot of snapshots) this.seen.set(snapshot.subvol_id, snapshot);
     const reported = new Map(covered.map((r) => [r.subvolId, r]));
     const ids = new Set([...now.keys(), ...reported.keys()]);
     this.rows = [...ids].map((id) => {
       const listed = now.get(id);
       const figures = reported.get(id);
+      const known = listed ?? this.seen.get(id);
       const state = !listed ? 'deleted' : figures ? 'covered' : covered.length ? 'outside' : 'listed';
       return {
         subvolId: id,
         name: listed?.name ?? figures.name,
         time: listed?.time ?? timeOfName(figures.name),
-        tool: listed?.tool ?? '',
-        path: listed?.path ?? figures.path,
+        tool: known?.tool ?? '',
+        path: known?.path ?? figures.path,
         figures,
         state,
         tickable: tickable && state === 'covered',
@@ -74,6 +79,7 @@ export class SnapshotTable {
     if (!this.byId.get(this.anchor)?.tickable) this.anchor = null;
     this.current = this.byId.get(this.current)?.tickable ? this.current : this.firstTickable()?.subvolId ?? null;
     this.body.replaceChildren(...this.rows.map((row) => this.buildRow(row)));
+    this.table.classList.toggle('bare', !covered.length);
     if (focusedId !== null) this.focusRow(this.byId.get(focusedId)?.tickable ? focusedId : this.current);
     if (changed) this.onTicks(this.tickedIds());
   }

@@ -28,6 +28,7 @@ export class WhatIf {
     clearTimeout(this.timer);
     const asked = ++this.asked;
     this.answer = null;
+    byId('whatif').classList.toggle('active', rows.length > 0);
     if (!rows.length) {
       this.figure.textContent = 'Tick snapshots to see what deleting them frees.';
       setShown(this.button, false, byId('tick-none'));
