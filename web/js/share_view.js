@@ -3,7 +3,7 @@
 // frees, a plan, and deleting them. The page follows the share's real state
 // on the server, so that every open tab shows the same calculation.
 
-import { ApiError, deleteSnapshots, describeError, listSnapshots, listVolumes, usage } from './api.js';
+import { ApiError, deleteSnapshots, listSnapshots, listVolumes, usage } from './api.js';
 import { calculationKey, emptyCalculation, getCalculation } from './calculation.js';
 import { confirmAction } from './confirm_dialog.js';
 import { announce, byId, drawOnResize, el, isFocusLost, setShown } from './dom.js';
@@ -44,6 +44,7 @@ export class ShareView {
     this.sequence = 0;
     this.polls = 0;
     this.timer = null;
+    this.paused = false;
     this.lastInput = Date.now();
     this.table = new SnapshotTable(() => this.ticksChanged());
     this.whatIf = new WhatIf((error) => this.fail(error), () => this.deleteTicked());
@@ -59,9 +60,8 @@ export class ShareView {
     drawOnResize(byId('chart'), () => this.drawChart());
     for (const kind of ['keydown', 'pointerdown']) {
       document.addEventListener(kind, () => {
-        const paused = this.timer === null;
         this.lastInput = Date.now();
-        if (paused && this.share) this.refresh();
+        if (this.paused && this.share) this.refresh();
       });
     }
     document.addEventListener('visibilitychange', () => {
@@ -101,6 +101,7 @@ export class ShareView {
   applyUrl(wanted) {
     this.wantedRange = wanted;
     this.fillRange();
+    this.renderNotices();
     this.table.setTicks(wanted.ticks);
   }
 
@@ -112,7 +113,8 @@ export class ShareView {
   follow() {
     this.stopFollowing();
     const running = RUNNING.has(this.calc.state);
-    if (!running && (document.hidden || Date.now() - this.lastInput > FOLLOW_UNATTENDED_MS)) return;
+    this.paused = !running && (document.hidden || Date.now() - this.lastInput > FOLLOW_UNATTENDED_MS);
+    if (this.paused) return;
     this.timer = setTimeout(() => this.refresh(), running ? FOLLOW_RUNNING_MS : FOLLOW_IDLE_MS);
   }
 
@@ -134,9 +136,14 @@ export class ShareView {
       if (this.share !== share || asked !== this.sequence) return;
       if (snapshots) this.snapshots = snapshots;
       if (volumes) this.volume = volumes.find((v) => v.volume === share.volume) ?? null;
+      if (this.askFailed) this.showError('');
+      this.askFailed = false;
       this.update(calc);
     } catch (error) {
-      if (this.share === share && asked === this.sequence) this.fail(error);
+      if (this.share !== share || asked !== this.sequence) return;
+      // Said until an answer comes again.
+      this.askFailed = true;
+      this.fail(error);
     } finally {
       if (this.share === share && asked === this.sequence) this.follow();
     }
@@ -495,6 +502,6 @@ export class ShareView {
 
   fail(error) {
     if (!(error instanceof ApiError)) throw error;
-    if (!this.onFailure(error)) this.showError(error.message ?? describeError(0));
+    if (!this.onFailure(error)) this.showError(error.message);
   }
 }
