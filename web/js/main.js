@@ -81,6 +81,7 @@ async function loadShares() {
     const states = new Map((status?.share_list ?? []).map((s) => [s.share_name, s.status]));
     const space = new Map(volumes.map((v) => [v.volume, v]));
     const open = readUrl().share;
+    const focused = document.activeElement?.dataset?.share;
     byId('shares-empty').hidden = shares.length > 0;
     byId('share-list').replaceChildren(...shares.map((share) => {
       const volume = space.get(share.volume);
@@ -96,6 +97,8 @@ async function loadShares() {
         badge ? el('span', { class: 'badge' }, badge) : null,
       ));
     }));
+    // The list is drawn anew: the button that had the focus keeps it.
+    if (focused !== undefined) byId('share-list').querySelector(`[data-share="${CSS.escape(focused)}"]`)?.focus();
   });
 }
 

@@ -81,6 +81,8 @@ export class ShareView {
     this.pendingTicks = wanted.ticks;
     this.wantedRange = wanted;
     this.table.ticks.clear();
+    byId('range-from').replaceChildren();
+    byId('range-to').replaceChildren();
     byId('share-panel').hidden = false;
     byId('share-title').textContent = `Share ${share.name}`;
     byId('share-meta').textContent = '';
