@@ -108,7 +108,8 @@ void AddRecorded(const Json::Value& record, Json::Value& data) {
 bool SnapshotPaths(const std::string& shareName, std::map<uint64_t, std::string>& paths) {
   PVELASHARE rawShare = nullptr;
   PVELASNAPINFO rawSnapshots = nullptr;
-  const int count = VELAShareGet(shareName.c_str(), &rawShare) == 0 ? VELAShareSnapInfoList(rawShare, &rawSnapshots) : -1;
+  const int count =
+      VELAShareGet(shareName.c_str(), &rawShare) == 0 ? VELAShareSnapInfoList(rawShare, &rawSnapshots) : -1;
   const SharePtr share(rawShare, &VELAShareFree);
   const SnapshotsPtr snapshots(rawSnapshots, &VELAShareSnapInfoFree);
   if (count < 0) {
@@ -189,12 +190,14 @@ void Space::Get(VELA::APIRequest* request, VELA::APIResponse* response) {
   AddRecorded(calculation.Record(), data);
   const std::string reason = FailureReason(calculation.Record(), calculation.State());
   if (!reason.empty()) {
+    // A calculation whose process went away recorded no end, nor a code:
+    // it failed (1), as the report says; a stop is 12.
     std::string text;
     uint64_t recorded = 0;
-    if (TaskStatus::ReadAttr(calculation.Record(), TASKSTATUS_ATTR_ERROR_CODE, text) &&
-        vela::base::ParseCanonicalDecimal(text, recorded) && recorded <= INT32_MAX) {
-      data["error_code"] = static_cast<Json::Int>(recorded);
-    }
+    const bool known = TaskStatus::ReadAttr(calculation.Record(), TASKSTATUS_ATTR_ERROR_CODE, text) &&
+                       vela::base::ParseCanonicalDecimal(text, recorded) && recorded <= INT32_MAX;
+    const int unrecorded = calculation.State() == CAL_TASK_STATUS_STOP ? 12 : 1;
+    data["error_code"] = known ? static_cast<Json::Int>(recorded) : unrecorded;
     data["reason"] = reason;
   }
   Json::Value rows(Json::arrayValue);

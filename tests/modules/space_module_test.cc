@@ -241,7 +241,8 @@ TEST_F(SpaceModule, ProgressIsAsRecordedFailuresSayWhyAndCalculationsWithoutAMap
   EXPECT_EQ(300u, running["processed_in_bytes"].asUInt64());
   EXPECT_EQ(600u, running["estimated_in_bytes"].asUInt64());
   EXPECT_EQ(Json::Value(Json::arrayValue), running["snap_list"]);
-  const Json::Value status = module_.Call("status", R"({"additional":["processed_in_bytes","estimated_in_bytes"]})").GetData();
+  const Json::Value status =
+      module_.Call("status", R"({"additional":["processed_in_bytes","estimated_in_bytes"]})").GetData();
   EXPECT_EQ(600u, status["share_list"][0]["processed_in_bytes"].asUInt64());
   EXPECT_EQ("error 8", Space("freed", R"({"share_name":"share1","subvol_ids":[257]})"));
   EXPECT_EQ("ok null", Call("cancel", R"({"share_name":"share1"})"));

@@ -70,7 +70,8 @@ bool ParseOptions(const std::vector<std::string>& args, Options& options, std::s
     } else if (arg == "--plan" && hasValue && ParseSize(args[i + 1], options.size)) {
       options.plan = true;
       ++i;
-    } else if (arg == "--keep-newest" && hasValue && vela::base::ParseCanonicalDecimal(args[i + 1], options.keepNewest)) {
+    } else if (arg == "--keep-newest" && hasValue &&
+               vela::base::ParseCanonicalDecimal(args[i + 1], options.keepNewest)) {
       keepNewest = true;
       ++i;
     } else if (arg == "--plan" || arg == "--keep-newest") {

@@ -38,7 +38,7 @@ struct HostConfig {
   int sessionIdleTimeout = 15 * 60;
   int sessionMaxAge = 12 * 60 * 60;
   int sessionRecheckInterval = 60;     // seconds between checks of a session's account
-  std::vector<std::string> readOnlyMethods = {"get*", "list", "status"};
+  std::vector<std::string> readOnlyMethods = {"get*", "list", "status", "freed", "plan"};
   int maxSessions = 1024;
   int loginFailureDelayMs = 2000;
   int loginMaxFailures = 5;
