@@ -7,7 +7,7 @@
 // alone, reload and Back, an ended session and refused logins. Every step
 // is checked by axe-core and shot at 1366×768 and 390×844 into
 // VELA_PAGE_SHOTS; a console error or an uncaught exception fails the run.
-import { mkdirSync, readFileSync, writeFileSync } from 'node:fs';
+import { mkdirSync, readFileSync, rmSync, writeFileSync } from 'node:fs';
 import { createRequire } from 'node:module';
 import { chromium } from 'playwright-core';
 
@@ -23,6 +23,8 @@ const PHONE = { width: 390, height: 844 };
 const AXE_TAGS = ['wcag2a', 'wcag2aa', 'wcag21a', 'wcag21aa', 'wcag22aa', 'best-practice'];
 const problems = [];
 const started = Date.now();
+// This run's screenshots only.
+rmSync(shots, { recursive: true, force: true });
 mkdirSync(shots, { recursive: true });
 
 function check(condition, what) {
