@@ -2,6 +2,7 @@
 
 #include <btrfsutil.h>
 #include <fcntl.h>
+#include <linux/btrfs_tree.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -126,6 +127,47 @@ UniqueFd OpenShare(const VELASHARE* share) {
 }
 
 int ErrorOfErrno() { return errno == EEXIST ? VLIB_ERR_EXISTS : VLIB_ERR_SYSTEM; }
+
+void FillSnapInfo(const ListedSnapshot& snapshot, VELASNAPINFO* info) {
+  snprintf(info->szName, sizeof(info->szName), "%s", snapshot.name.c_str());
+  info->time = snapshot.otime.tv_sec;
+  info->subvolId = snapshot.id;
+  info->readOnly = snapshot.readOnly ? TRUE : FALSE;
+  snprintf(info->szTool, sizeof(info->szTool), "%s", snapshot.tool);
+  snprintf(info->szPath, sizeof(info->szPath), "%s", snapshot.path.c_str());
+}
+
+bool IsZeroUuid(const uint8_t* uuid) { return std::all_of(uuid, uuid + 16, [](uint8_t b) { return b == 0; }); }
+
+// Deletes subvolume `id` of the file system open at `fd` if it is a
+// read-only snapshot of `share` (IDs are never reused while a subvolume
+// exists, so the one looked at is the one deleted).
+int DeleteReadOnlySnapshotById(int fd, uint64_t id, const VELASHARE* share) {
+  struct btrfs_util_subvolume_info info;
+  if (btrfs_util_subvolume_info_fd(fd, id, &info) != BTRFS_UTIL_OK) {
+    VLIBCErrSet(errno == ENOENT ? VLIB_ERR_NOT_FOUND : VLIB_ERR_SYSTEM);
+    return -1;
+  }
+  if (!std::equal(info.parent_uuid, info.parent_uuid + 16, share->uuid) || !IsZeroUuid(info.received_uuid)) {
+    VLIBCErrSet(VLIB_ERR_NOT_FOUND);
+    return -1;
+  }
+  if ((info.flags & BTRFS_ROOT_SUBVOL_RDONLY) == 0) {
+    VLIBCErrSet(VLIB_ERR_WRITABLE);
+    return -1;
+  }
+  if (btrfs_util_delete_subvolume_by_id_fd(fd, id) != BTRFS_UTIL_OK) {
+    // The kernel's refusals of a subvolume in use: being sent or a swap
+    // file's (EBUSY), the default subvolume (EPERM), one holding
+    // subvolumes (ENOTEMPTY).
+    const bool inUse = errno == EBUSY || errno == EPERM || errno == ENOTEMPTY;
+    const int saved = errno;
+    VLIBCErrSet(inUse ? VLIB_ERR_BUSY : VLIB_ERR_SYSTEM);
+    errno = saved;
+    return -1;
+  }
+  return 0;
+}
 
 }  // namespace
 
@@ -269,15 +311,7 @@ int VELAShareSnapInfoList(PVELASHARE pShare, PVELASNAPINFO* ppInfo) {
       VLIBCErrSet(VLIB_ERR_OUT_OF_MEMORY);
       return -1;
     }
-    for (size_t i = 0; i < snapshots.size(); ++i) {
-      const ListedSnapshot& snapshot = snapshots[i];
-      snprintf(infos[i].szName, sizeof(infos[i].szName), "%s", snapshot.name.c_str());
-      infos[i].time = snapshot.otime.tv_sec;
-      infos[i].subvolId = snapshot.id;
-      infos[i].readOnly = snapshot.readOnly ? TRUE : FALSE;
-      snprintf(infos[i].szTool, sizeof(infos[i].szTool), "%s", snapshot.tool);
-      snprintf(infos[i].szPath, sizeof(infos[i].szPath), "%s", snapshot.path.c_str());
-    }
+    for (size_t i = 0; i < snapshots.size(); ++i) FillSnapInfo(snapshots[i], &infos[i]);
     *ppInfo = infos;
     return static_cast<int>(snapshots.size());
   });
@@ -435,4 +469,14 @@ int VELAShareSnapDelete(PVELASHARE pShare, const char* szSnapName) {
     }
     return 0;
   });
+}
+
+int VELAShareSnapDeleteReadOnly(PVELASHARE pShare, unsigned long long subvolId) {
+  if (!IsValidShare(pShare) || subvolId == 0) {
+    VLIBCErrSet(VLIB_ERR_BAD_PARAMETERS);
+    return -1;
+  }
+  UniqueFd share(OpenShare(pShare));
+  if (!share.Valid()) return -1;
+  return DeleteReadOnlySnapshotById(share.Get(), subvolId, pShare);
 }

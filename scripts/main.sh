@@ -195,7 +195,7 @@ elif [ "${#admins[@]}" -eq 0 ]; then
 else
   login_hint="any member of group $admin_group with a password (${admins[*]}), with that password"
 fi
-echo "The administrator's page: $url"
+echo "The administrator's page: $url (the demo share: ${url}?share=$share)"
 echo "Log in as $login_hint."
 echo "From another machine: ssh -L 5080:127.0.0.1:5080 root@THIS-MACHINE, then open $url there."
 echo "Stop the host with: $how_to_stop"

@@ -5,6 +5,8 @@
 #include <memory>
 #include <string>
 
+#include "error_codes.h"
+#include "snapshot_deletion.h"
 #include "vela/privileged_section.h"
 #include "vela/sz_list.h"
 #include "vela/vela_share.h"
@@ -15,9 +17,6 @@ namespace VelaStorageWebAPI {
 
 namespace {
 
-constexpr int kErrorFailure = 1;
-constexpr int kErrorBadParameter = 3;
-constexpr int kErrorNotFound = 8;
 // The name this module's privileged sections log under. A listing runs as
 // root: it must see every share and snapshot, also those whose directories
 // are closed to the server's account.
@@ -165,6 +164,7 @@ const VELA_WEBAPI_ENTRY gTable[] = {
     {"VELA.Storage.Volume", 1, "list", VelaStorageWebAPI::StorageListing::ListVolumes},
     {"VELA.Storage.Share", 1, "list", VelaStorageWebAPI::StorageListing::ListShares},
     {"VELA.Storage.Share.Snapshot", 1, "list", VelaStorageWebAPI::StorageListing::ListSnapshots},
+    {"VELA.Storage.Share.Snapshot", 1, "delete", VelaStorageWebAPI::SnapshotDeletion::Delete},
     {nullptr, 0, nullptr, nullptr},
 };
 

@@ -3,7 +3,8 @@
 // the shares with where they lie and how many snapshots they have over
 // what time, and each share's snapshots with their times, btrfs subvolume
 // IDs, where they lie and which tool made them. Everything comes from the
-// platform layer; nothing here changes anything.
+// platform layer; listing changes nothing. The module's one method that
+// changes something, deleting snapshots, is in snapshot_deletion.h.
 //
 //   "VELA.Storage.Volume" 1 "list"            {}
 //   "VELA.Storage.Share" 1 "list"             {}
@@ -28,7 +29,7 @@ class StorageListing {
 }  // namespace VelaStorageWebAPI
 
 extern "C" {
-// The three method rows, then one all-zero row.
+// The method rows (the three listings and "delete"), then one all-zero row.
 __attribute__((visibility("default"))) extern const VELA_WEBAPI_ENTRY gTable[];
 __attribute__((visibility("default"))) const VELA_WEBAPI_ENTRY* GetAPITable(void);
 }

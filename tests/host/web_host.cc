@@ -178,7 +178,7 @@ bool WaitUntil(int timeoutMs, const std::function<bool()>& condition) {
 void InstallModules(const std::string& dir) {
   mkdir(dir.c_str(), 0755);
   chmod(dir.c_str(), 0755);
-  for (const std::string module : {VELA_TEST_MODULE_PATH, VELA_TEST_STORAGE_MODULE_PATH}) {
+  for (const std::string module : {VELA_TEST_MODULE_PATH, VELA_TEST_STORAGE_MODULE_PATH, VELA_TEST_SPACE_MODULE_PATH}) {
     MustRun({"install", "-m", "0644", module, dir + "/" + module.substr(module.rfind('/') + 1)});
   }
 }

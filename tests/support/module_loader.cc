@@ -18,15 +18,16 @@ VELA::APIResponse ModuleLoader::Call(const std::string& method, const std::strin
 }
 
 VELA::APIResponse ModuleLoader::CallApi(const std::string& api, const std::string& method,
-                                        const std::string& paramsJson) const {
+                                        const std::string& paramsJson, const std::string& user) const {
   Json::Value params;
   std::string error;
   if (!vela::base::ParseJsonText(paramsJson, params, error)) throw std::runtime_error("bad test JSON: " + paramsJson);
   VELA_WEBAPI_HANDLER handler = nullptr;
   if (modules_.Find(api, 1, method, handler) != VELA::APIModules::Lookup::kFound) {
-    throw std::runtime_error("no method " + method);
+    throw std::runtime_error("no method " + method + " of " + api);
   }
   VELA::APIRequest request(params);
+  request.SetLoginUser(user);
   VELA::APIResponse response;
   handler(&request, &response);
   return response;

@@ -20,8 +20,10 @@ class ModuleLoader {
   // Calls the method of "VELA.Snap.Usage.Share" version 1 with the given
   // JSON parameters (text); throws when the method does not exist.
   VELA::APIResponse Call(const std::string& method, const std::string& paramsJson = "{}") const;
-  // The same for another API of the module, version 1.
-  VELA::APIResponse CallApi(const std::string& api, const std::string& method, const std::string& paramsJson) const;
+  // The same for another API of the module, version 1, for the logged-in
+  // user `user`.
+  VELA::APIResponse CallApi(const std::string& api, const std::string& method, const std::string& paramsJson,
+                            const std::string& user = "") const;
 
  private:
   VELA::APIModules modules_;

@@ -5,6 +5,7 @@
 //
 // Exit status: 0 for a success answer, 1 for an error answer, 2 for a usage
 // error, an unknown method or a module that does not load.
+#include <pwd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -74,6 +75,18 @@ bool ParseParams(const std::string& text, Json::Value& params, std::string& erro
   return true;
 }
 
+// The account that runs this program (its real user), named to the module
+// as the web server names the logged-in user; one without a name is
+// "uid N".
+std::string InvokingUser() {
+  const uid_t uid = getuid();
+  struct passwd entry;
+  struct passwd* found = nullptr;
+  char buffer[4096];
+  if (getpwuid_r(uid, &entry, buffer, sizeof(buffer), &found) == 0 && found != nullptr) return found->pw_name;
+  return "uid " + std::to_string(uid);
+}
+
 bool ParseVersion(const char* text, unsigned long& version) {
   errno = 0;
   char* end = nullptr;
@@ -127,6 +140,7 @@ int main(int argc, char** argv) {
   }
 
   VELA::APIRequest request(params);
+  request.SetLoginUser(InvokingUser());
   VELA::APIResponse response;
   std::string failure;
   VELA::CallAPIHandler(handler, request, response, &failure);

@@ -4,18 +4,14 @@
 
 let csrfToken = '';
 
+// What the page knows of its session, to tell the user why one ended.
+export const session = { user: '', idleTimeout: 0, maxAge: 0, startedAt: 0, lastAnswerAt: 0 };
+
 const MESSAGES = {
   0: 'The server cannot be reached.',
   1: 'The work failed on the server.',
   3: 'The request lacked something or held a wrong value.',
-  4: 'A calculation of this share is still running.',
-  6: 'The server has no btrfs size tool.',
-  7: 'The calculation could not be prepared.',
   8: 'Nothing was found for this share.',
-  11: 'The calculation could not be created.',
-  12: 'The calculation was stopped.',
-  13: 'The size tool could not be run.',
-  15: 'No snapshot lies in that range.',
   100: 'The server failed to answer this request.',
   101: 'The server does not offer this function: is its module installed?',
   102: 'The server does not offer this version of the function.',
@@ -31,18 +27,20 @@ const MESSAGES = {
   5002: 'A calculation of this share is already running.',
 };
 
+export const SESSION_ENDED = 105;
+export const LOCKED_OUT = 108;
+
 export function describeError(code) {
   return MESSAGES[code] ?? `The server reported a problem it did not name (code ${code}).`;
 }
 
 export class ApiError extends Error {
-  constructor(code, message = describeError(code)) {
-    super(message);
+  constructor(code, retryAfter = 0) {
+    super(describeError(code));
     this.code = code;
+    this.retryAfter = retryAfter;
   }
 }
-
-export const SESSION_ENDED = 105;
 
 async function send(path, init) {
   let answer;
@@ -52,13 +50,12 @@ async function send(path, init) {
   } catch {
     throw new ApiError(0);
   }
-  if (answer.success) return answer.data;
-  const code = answer.error?.code ?? 0;
-  const wait = answer.error?.errors?.retry_after;
-  if (code === 108 && Number.isInteger(wait)) {
-    throw new ApiError(code, `Too many failed logins. Try again in ${wait} second${wait === 1 ? '' : 's'}.`);
+  if (answer.success) {
+    session.lastAnswerAt = Date.now();
+    return answer.data;
   }
-  throw new ApiError(code);
+  const wait = answer.error?.errors?.retry_after;
+  throw new ApiError(answer.error?.code ?? 0, Number.isInteger(wait) ? wait : 0);
 }
 
 function post(path, body) {
@@ -69,12 +66,20 @@ function post(path, body) {
   });
 }
 
+function begin(data, fresh) {
+  csrfToken = data.csrf_token;
+  session.user = data.user;
+  session.idleTimeout = data.session_idle_timeout ?? 0;
+  session.maxAge = data.session_max_age ?? 0;
+  // A resumed session began before this page loaded: its age is unknown.
+  session.startedAt = fresh ? Date.now() : 0;
+  return data.user;
+}
+
 // The user of the current session, or null when there is none.
 export async function resumeSession() {
   try {
-    const data = await send('/auth/session', { method: 'GET' });
-    csrfToken = data.csrf_token;
-    return data.user;
+    return begin(await send('/auth/session', { method: 'GET' }), false);
   } catch (error) {
     if (error.code === SESSION_ENDED) return null;
     throw error;
@@ -84,9 +89,7 @@ export async function resumeSession() {
 // An account that may not manage the system is refused as a wrong
 // password is: the host does not tell which.
 export async function login(user, password) {
-  const data = await post('/auth/login', { user, password });
-  csrfToken = data.csrf_token;
-  return data.user;
+  return begin(await post('/auth/login', { user, password }), true);
 }
 
 export async function logout() {
@@ -98,8 +101,18 @@ export function call(api, version, method, params = {}) {
   return post(`/api/${encodeURIComponent(api)}/${version}/${encodeURIComponent(method)}`, params);
 }
 
-// The snapshot usage module and the storage listing module.
 export const usage = (method, params) => call('VELA.Snap.Usage.Share', 1, method, params);
-export const listShares = () => call('VELA.Storage.Share', 1, 'list');
-export const listSnapshots = (shareName) =>
-  call('VELA.Storage.Share.Snapshot', 1, 'list', { share_name: shareName });
+export const space = (method, params) => call('VELA.Snap.Usage.Space', 1, method, params);
+export const listVolumes = async () => (await call('VELA.Storage.Volume', 1, 'list')).volumes;
+export const listShares = async () => (await call('VELA.Storage.Share', 1, 'list')).shares;
+export const listSnapshots = async (shareName) =>
+  (await call('VELA.Storage.Share.Snapshot', 1, 'list', { share_name: shareName })).snapshots;
+
+// Deletes snapshots by their listed names; their IDs go along so that a
+// name that came to mean another snapshot since is left alone.
+export const deleteSnapshots = async (shareName, snapshots) =>
+  (await call('VELA.Storage.Share.Snapshot', 1, 'delete', {
+    share_name: shareName,
+    names: snapshots.map((s) => s.name),
+    subvol_ids: snapshots.map((s) => s.subvol_id),
+  })).results;

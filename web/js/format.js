@@ -1,4 +1,5 @@
-// How numbers and times read on the page.
+// How numbers and times read on the page: binary units, and local times in
+// one form everywhere, "2026-01-05 14:03:09" (ISO order, 24 hours).
 
 const UNITS = ['B', 'KiB', 'MiB', 'GiB', 'TiB', 'PiB'];
 
@@ -13,44 +14,56 @@ export function formatBytes(bytes) {
   return `${value.toFixed(digits)} ${UNITS[unit]}`;
 }
 
+// "12 898 304 bytes": the exact figure, grouped the same in every locale.
+export function formatExactBytes(bytes) {
+  const grouped = String(bytes).replace(/\B(?=(\d{3})+(?!\d))/g, '\u202f');
+  return `${grouped} ${bytes === 1 ? 'byte' : 'bytes'}`;
+}
+
+// Bytes from a figure in a unit of UNITS ("1.5", "GiB"); NaN when it is no
+// positive number.
+export function parseSize(text, unit) {
+  const value = Number(text);
+  const power = UNITS.indexOf(unit);
+  if (!text || !Number.isFinite(value) || value <= 0 || power < 0) return NaN;
+  return Math.round(value * 1024 ** power);
+}
+
 const pad = (n) => String(n).padStart(2, '0');
 
-function localParts(seconds) {
+function parts(seconds) {
   const d = new Date(seconds * 1000);
   return {
-    date: `${d.getFullYear()}-${pad(d.getMonth() + 1)}-${pad(d.getDate())}`,
-    time: `${pad(d.getHours())}:${pad(d.getMinutes())}:${pad(d.getSeconds())}`,
+    year: String(d.getFullYear()),
+    day: `${d.getFullYear()}-${pad(d.getMonth() + 1)}-${pad(d.getDate())}`,
+    clock: `${pad(d.getHours())}:${pad(d.getMinutes())}:${pad(d.getSeconds())}`,
   };
 }
 
-// Local time, to the second: "2024-03-05 17:04:09".
 export function formatTime(seconds) {
-  const { date, time } = localParts(seconds);
-  return `${date} ${time}`;
+  const { day, clock } = parts(seconds);
+  return `${day} ${clock}`;
 }
 
-export function formatDay(seconds) {
-  return localParts(seconds).date;
+export const formatDay = (seconds) => parts(seconds).day;
+export const formatClock = (seconds) => parts(seconds).clock;
+
+// A short label for a chart whose times run from `first` to `last`: the
+// day, with the minute when they lie within two days, the time alone to
+// the second within an hour; and the year only when they do not all lie in
+// one year.
+export function formatAxisTime(seconds, first, last) {
+  const { day, clock } = parts(seconds);
+  const oneYear = parts(first).year === parts(last).year;
+  const date = oneYear ? day.slice(5) : day;
+  if (last - first < 3600 && oneYear && parts(first).day === parts(last).day) return clock;
+  return last - first < 2 * 86400 ? `${date} ${clock.slice(0, 5)}` : date;
 }
 
-export function formatClock(seconds) {
-  return localParts(seconds).time;
-}
+export const plural = (count, one, many = `${one}s`) => `${count} ${count === 1 ? one : many}`;
 
-// A short label for an axis whose times span `spanSeconds`: the day, or
-// within two days the day and the minute ("11-23 03:04").
-export function formatAxisTime(seconds, spanSeconds) {
-  const { date, time } = localParts(seconds);
-  return spanSeconds < 2 * 86400 ? `${date.slice(5)} ${time.slice(0, 5)}` : date;
-}
-
-// The value of a datetime-local input for a time, and back (NaN when empty).
-export function toInputValue(seconds) {
-  const { date, time } = localParts(seconds);
-  return `${date}T${time}`;
-}
-
-export function fromInputValue(text) {
-  if (!text) return NaN;
-  return Math.floor(new Date(text).getTime() / 1000);
+export function formatDuration(seconds) {
+  if (seconds < 120) return plural(Math.round(seconds), 'second');
+  if (seconds < 7200) return plural(Math.round(seconds / 60), 'minute');
+  return plural(Math.round(seconds / 3600), 'hour');
 }

@@ -127,6 +127,21 @@ VELA_PLATFORM_API int VELAShareCreate(int volume, const char* szName);
 VELA_PLATFORM_API int VELAShareSnapCreate(PVELASHARE pShare, const char* szSnapName);
 VELA_PLATFORM_API int VELAShareSnapDelete(PVELASHARE pShare, const char* szSnapName);
 
+// Deletes the snapshot of the share with subvolume ID `subvolId`,
+// whichever tool took it, provided it is read-only: writable ones may be in
+// use as data, and nothing but a snapshot of this share is ever deleted.
+// Snapshots are named by ID because listed names shift: the second of two
+// snapshots taken in one second loses its "_ID" once the first is gone.
+// The subvolume is looked at last by that ID and deleted by it, so no path
+// renamed in between can lead elsewhere. Other tools' own records of the
+// snapshot (a description file beside it) are left as they are. 0, or -1
+// with the error set: VLIB_ERR_NOT_FOUND when it is no snapshot of the
+// share (or the share is gone), VLIB_ERR_WRITABLE when it is not
+// read-only, VLIB_ERR_BUSY when the file system refuses because it is in
+// use (the default subvolume, being sent) or holds subvolumes of its own,
+// VLIB_ERR_SYSTEM otherwise (errno tells why).
+VELA_PLATFORM_API int VELAShareSnapDeleteReadOnly(PVELASHARE pShare, unsigned long long subvolId);
+
 #ifdef __cplusplus
 }
 #endif

@@ -14,6 +14,7 @@
 #define VLIB_ERR_BAD_PARAMETERS 0x0D00  // invalid argument
 #define VLIB_ERR_NOT_FOUND 0x1400       // no such object (share, entry, file)
 #define VLIB_ERR_EXISTS 0x1500          // the object exists already
+#define VLIB_ERR_WRITABLE 0x1600        // a writable subvolume where only a read-only one will do
 #define VLIB_ERR_OPERATION_FAILED 0x2A00  // a conversion or external command failed
 #define VLIB_ERR_BAD_VOLUME_PATH 0xBE00   // a path not under a volume
 #define VLIB_ERR_BAD_FS_TYPE 0xD900       // volume of the wrong file-system kind

@@ -55,8 +55,15 @@ class VELA_PLATFORM_API APIRequest {
 
   const Json::Value& GetParams() const { return params_; }
 
+  // The name of the logged-in user the call is made for, as the caller
+  // (the web server, or the command-line runner for its invoking user) set
+  // it; "" when no caller said. Modules log it with what they change.
+  const std::string& GetLoginUser() const { return loginUser_; }
+  void SetLoginUser(std::string user) { loginUser_ = std::move(user); }
+
  private:
   Json::Value params_;
+  std::string loginUser_;
 };
 
 class VELA_PLATFORM_API APIResponse {

@@ -105,6 +105,7 @@ int Serve(const ExecutorSetup& setup) {
     bool masterGone = false;
     if (handler != nullptr) {
       VELA::APIRequest request(std::move(paramsValue));
+      request.SetLoginUser(grant.user);
       VELA::APIResponse response;
       std::string failure;
       VELA::CallAPIHandler(handler, request, response, &failure);

@@ -250,16 +250,24 @@ RouteStep RequestRouter::Login(HttpRequest& request) {
     return step;
   }
   if (AnswerCode(request) != 0) return Answer(MasterRefusal(request));
-  Json::Value data;
-  data["user"] = request.masterAnswer[msg::kUser];
-  data["csrf_token"] = request.masterAnswer[msg::kCsrf];
-  HttpResponse response = Success(data);
+  HttpResponse response = Success(SessionData(request));
   response.headers.emplace_back("Set-Cookie", sessionCookie_ + "=" + request.masterAnswer[msg::kSessionId].asString() +
                                                   CookieAttributes());
   response.headers.emplace_back("Set-Cookie", deviceCookie_ + "=" + request.masterAnswer[msg::kDevice].asString() +
                                                   CookieAttributes() + "; Max-Age=" +
                                                   std::to_string(kDeviceCookieSeconds));
   return Answer(std::move(response));
+}
+
+// What the page needs of a session: who, the token for its calls, and how
+// long it lasts, so that it can tell the user why it ended.
+Json::Value RequestRouter::SessionData(const HttpRequest& request) const {
+  Json::Value data;
+  data["user"] = request.masterAnswer[msg::kUser];
+  data["csrf_token"] = request.masterAnswer[msg::kCsrf];
+  data["session_idle_timeout"] = config_.sessionIdleTimeout;
+  data["session_max_age"] = config_.sessionMaxAge;
+  return data;
 }
 
 RouteStep RequestRouter::Logout(HttpRequest& request) {
@@ -281,10 +289,7 @@ RouteStep RequestRouter::SessionInfo(HttpRequest& request) {
   const int code = AnswerCode(request);
   if (code != 0) return Answer(Error(code));
   ++loggedIn_;
-  Json::Value data;
-  data["user"] = request.masterAnswer[msg::kUser];
-  data["csrf_token"] = request.masterAnswer[msg::kCsrf];
-  return Answer(Success(data));
+  return Answer(Success(SessionData(request)));
 }
 
 RouteStep RequestRouter::CallModule(HttpRequest& request) {

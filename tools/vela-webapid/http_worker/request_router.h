@@ -46,6 +46,7 @@ class RequestRouter {
   RouteStep Login(HttpRequest& request);
   RouteStep Logout(HttpRequest& request);
   RouteStep SessionInfo(HttpRequest& request);
+  Json::Value SessionData(const HttpRequest& request) const;
   RouteStep CallModule(HttpRequest& request);
   HttpResponse Static(const HttpRequest& request) const;
   bool OriginAllowed(const HttpRequest& request) const;
