@@ -479,21 +479,26 @@ export class ShareView {
       keep: 'Keep them',
     });
     if (!yes) return;
+    let text = null;
     try {
       const results = await deleteSnapshots(this.share.name, doomed);
       const deleted = results.filter((r) => r.deleted).length;
       const refused = results.filter((r) => !r.deleted);
-      const text = [`Deleted ${plural(deleted, 'snapshot')}.`,
+      text = [`Deleted ${plural(deleted, 'snapshot')}.`,
         deleted ? 'The file system gives their space back in the background, within a minute or so.' : '',
         ...refused.map((r) => `Not deleted: ${r.name}, as ${r.message}.`)].filter(Boolean).join(' ');
-      byId('action-result').textContent = text;
-      announce(text);
     } catch (error) {
       this.fail(error);
     }
     await this.refresh({ relist: true });
     this.onStateChange();
     (byId('recalc').hidden ? byId('report-heading') : byId('recalc')).focus();
+    // Told only once the table shows them deleted: the words and the
+    // rows never disagree, not even for a moment.
+    if (text !== null) {
+      byId('action-result').textContent = text;
+      announce(text);
+    }
   }
 
   // ----- errors
